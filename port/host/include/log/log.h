@@ -1,0 +1,4 @@
+// Host stand-in for liblog's <log/log.h>.
+#pragma once
+
+#include <android/log.h>

@@ -1,0 +1,269 @@
+// OS services core: the functions with logic of their own, and the null and failure results that
+// hosts rely on.
+#include "VxCamCommonUtils.h"
+
+#include <cutils/properties.h>
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TestSupport.h"
+
+namespace {
+
+using VxCam::OsUtils;
+using vxcamtest::TempDir;
+
+TEST(OsUtilsNames, GetFileName) {
+    EXPECT_STREQ(OsUtils::GetFileName("a/b/c"), "c");
+    EXPECT_STREQ(OsUtils::GetFileName("abc"), "abc");
+    EXPECT_STREQ(OsUtils::GetFileName("dir/"), "");
+    EXPECT_STREQ(OsUtils::GetFileName("/x"), "x");
+    EXPECT_EQ(OsUtils::GetFileName(nullptr), nullptr);
+}
+
+TEST(OsUtilsNames, GetFileNameToken) {
+    struct Case {
+        const char* name;
+        unsigned index;
+        int found;
+        const char* token;
+    };
+    const Case cases[] = {
+            {"a.b.c", 1, 1, "a"},     {"a.b.c", 3, 1, "c"},     {"a.b.c", 4, 0, "unchanged"},
+            {"a.b.c", 0, 0, "unchanged"},  // counts down from the largest unsigned value
+            {"..a...b..", 2, 1, "b"},  // runs of dots are one separator
+            {"...", 1, 0, "unchanged"}, {"", 1, 0, "unchanged"},
+            {"com.vx.cam.log.txt", 5, 1, "txt"},
+    };
+    for (const Case& c : cases) {
+        std::string name = c.name;
+        char token[32] = "unchanged";
+        EXPECT_EQ(OsUtils::GetFileNameToken(name.data(), c.index, token, sizeof(token)), c.found)
+                << c.name << " " << c.index;
+        EXPECT_STREQ(token, c.token) << c.name << " " << c.index;
+        EXPECT_EQ(name, c.name);  // the caller's name is not cut up
+    }
+
+    char name[] = "abcdef.g";
+    char small[4];
+    EXPECT_EQ(OsUtils::GetFileNameToken(name, 1, small, sizeof(small)), 1);
+    EXPECT_STREQ(small, "abc");
+
+    // Names are read through a 4096-byte buffer: the 4096th character and beyond are dropped.
+    std::string longName(5000, 'a');
+    std::vector<char> token(6000, '\0');
+    EXPECT_EQ(OsUtils::GetFileNameToken(longName.data(), 1, token.data(), token.size()), 1);
+    EXPECT_EQ(strlen(token.data()), 4095u);
+    EXPECT_EQ(OsUtils::GetFileNameToken(nullptr, 1, token.data(), token.size()), 0);
+}
+
+std::set<std::string> FilesFrom(const std::string& folder, const char* t1, const char* t2,
+                                const char* t3, const char* t4, const char* last,
+                                unsigned long entrySize = 256) {
+    std::vector<char> entries(entrySize * 16, '\0');
+    const unsigned count = OsUtils::GetFilesFromPath(folder.c_str(), entrySize, entries.data(), t1,
+                                                     t2, t3, t4, last);
+    std::set<std::string> found;
+    for (unsigned i = 0; i < count; ++i) found.insert(entries.data() + i * entrySize);
+    EXPECT_EQ(found.size(), count);
+    return found;
+}
+
+TEST(OsUtilsNames, GetFilesFromPathMatchesFiveOrSixTokensAfterCom) {
+    TempDir folder;
+    for (const char* name : {"com.a.b.c.d", "com.a.b.c.d.e", "com.a.b.c", "x.a.b.c.d",
+                             "com.a.b.c.d.e.f", "com.q.b.c.d", "com.a.b.c.e", "Com.a.b.c.d",
+                             "com.a.b.c.d.d"}) {
+        folder.Write(name, "");
+    }
+    const std::string d = folder.Path();
+    using Set = std::set<std::string>;
+    EXPECT_EQ(FilesFrom(d, "*", "*", "*", "*", "*"),
+              (Set{d + "/com.a.b.c.d", d + "/com.a.b.c.d.e", d + "/com.q.b.c.d", d + "/com.a.b.c.e",
+                   d + "/com.a.b.c.d.d"}));
+    // With five tokens the fourth filter and the last filter both look at the fifth token.
+    EXPECT_EQ(FilesFrom(d, "a", "b", "c", "d", "d"), (Set{d + "/com.a.b.c.d", d + "/com.a.b.c.d.d"}));
+    EXPECT_EQ(FilesFrom(d, "a", "b", "c", "d", "e"), (Set{d + "/com.a.b.c.d.e"}));
+    EXPECT_EQ(FilesFrom(d, "*", "b", "c", "*", "d"),
+              (Set{d + "/com.a.b.c.d", d + "/com.q.b.c.d", d + "/com.a.b.c.d.d"}));
+    EXPECT_EQ(FilesFrom(d, "A", "*", "*", "*", "*"), Set{});  // case-sensitive
+    EXPECT_EQ(FilesFrom(d + "/missing", "*", "*", "*", "*", "*"), Set{});
+
+    // A slot too small for the path gets the path cut, the name still matches.
+    const unsigned long slot = d.size() + 6;
+    const Set cut = FilesFrom(d, "q", "*", "*", "*", "*", slot);
+    ASSERT_EQ(cut.size(), 1u);
+    EXPECT_EQ(*cut.begin(), (d + "/com.q.b.c.d").substr(0, slot - 1));
+}
+
+TEST(OsUtilsTime, DateTimeFromMillisecondsKeepsTheSignedRemainder) {
+    struct Case {
+        long milliseconds;
+        int64_t seconds;
+        int64_t fraction;
+    };
+    for (const Case& c : {Case{1500, 1, 500}, Case{-1500, -1, -500}, Case{999, 0, 999},
+                          Case{1700000000123, 1700000000, 123}}) {
+        VxCam::VxCamDateTime record = {};
+        OsUtils::GetDateTime(&record, c.milliseconds);
+        EXPECT_EQ(record.seconds, c.seconds);
+        EXPECT_EQ(record.fraction, c.fraction);
+        tm local = {};
+        const time_t seconds = c.seconds;
+        localtime_r(&seconds, &local);
+        EXPECT_EQ(record.year, local.tm_year);
+        EXPECT_EQ(record.month, local.tm_mon);
+        EXPECT_EQ(record.dayOfMonth, local.tm_mday);
+        EXPECT_EQ(record.hour, local.tm_hour);
+        EXPECT_EQ(record.dayOfYear, local.tm_yday);
+        EXPECT_EQ(record.gmtOffset, local.tm_gmtoff);
+    }
+}
+
+TEST(OsUtilsTime, WallClockAndBootClock) {
+    VxCam::VxCamDateTime now = {};
+    OsUtils::GetDateTime(&now);
+    EXPECT_GT(now.seconds, 1700000000);
+    EXPECT_GE(now.fraction, 0);
+    EXPECT_LT(now.fraction, 1000000);  // microseconds in this variant
+
+    VxCam::VxCamTime first = {}, second = {};
+    EXPECT_EQ(OsUtils::GetTime(&first), 0);
+    EXPECT_EQ(OsUtils::GetTime(&second), 0);
+    EXPECT_LT(first.nanoSeconds, 1000000000);
+    EXPECT_TRUE(second.seconds > first.seconds ||
+                (second.seconds == first.seconds && second.nanoSeconds >= first.nanoSeconds));
+    EXPECT_EQ(OsUtils::GetTime(nullptr), -1);
+
+    tm utc = {};
+    const long epoch = 86400;
+    EXPECT_EQ(OsUtils::GetGMTime(&epoch, &utc), 0);
+    EXPECT_EQ(utc.tm_year, 70);
+    EXPECT_EQ(utc.tm_mday, 2);
+}
+
+TEST(OsUtilsStrings, FormattingAndCopies) {
+    char small[4];
+    EXPECT_EQ(OsUtils::SNPrintF(small, sizeof(small), "%s", "hello"), 5);
+    EXPECT_STREQ(small, "hel");
+    EXPECT_EQ(OsUtils::StrLCpy(small, "hello", sizeof(small)), 5u);
+    EXPECT_STREQ(small, "hel");
+    char joined[8] = "ab";
+    EXPECT_EQ(OsUtils::StrLCat(joined, "cdefgh", sizeof(joined)), 8u);
+    EXPECT_STREQ(joined, "abcdefg");
+    EXPECT_EQ(OsUtils::StrNICmp("CamERA", "camera", 6), 0);
+    char buffer[128];
+    EXPECT_STREQ(OsUtils::StrError(buffer, sizeof(buffer), ENOENT), strerror(ENOENT));
+}
+
+TEST(OsUtilsFiles, RoundTripAndFailures) {
+    TempDir folder;
+    const std::string path = folder / "f.bin";
+    FILE* file = OsUtils::FOpen(path.c_str(), "w+");
+    ASSERT_NE(file, nullptr);
+    EXPECT_EQ(OsUtils::FPrintF(file, "%s-%d", "abc", 42), 6);
+    EXPECT_EQ(OsUtils::FWrite("xyz", 1, 3, file), 3u);
+    EXPECT_EQ(OsUtils::FFlush(file), 0);
+    EXPECT_EQ(OsUtils::FTell(file), 9);
+    EXPECT_EQ(OsUtils::FSeek(file, 0, SEEK_SET), 0);
+    char text[16] = {};
+    EXPECT_EQ(OsUtils::FRead(text, 1, 1, 9, file), 9u);  // the buffer size is not a limit
+    EXPECT_STREQ(text, "abc-42xyz");
+    EXPECT_EQ(OsUtils::FSeek(file, 0, SEEK_SET), 0);
+    char word[8] = {};
+    int number = 0;
+    EXPECT_EQ(OsUtils::FScanF(file, "%3s-%d", word, &number), 2);
+    EXPECT_EQ(number, 42);
+    struct stat64 info;
+    EXPECT_EQ(OsUtils::FStat(OsUtils::FileNo(file), &info), 0);
+    EXPECT_EQ(info.st_size, 9);
+    EXPECT_EQ(OsUtils::FClose(file), 0);
+
+    EXPECT_EQ(OsUtils::GetFileSize(path.c_str()), 9u);
+    EXPECT_EQ(OsUtils::Stat(path.c_str(), &info), 0);
+    EXPECT_EQ(OsUtils::FDelete(path.c_str()), 0);
+    EXPECT_EQ(OsUtils::GetFileSize(path.c_str()), 0u);  // missing reads as empty
+    errno = 0;
+    EXPECT_EQ(OsUtils::Stat(path.c_str(), &info), 1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(OsUtils::FDelete(path.c_str()), 1);
+    EXPECT_EQ(OsUtils::FOpen((folder / "no/such/dir").c_str(), "r"), nullptr);
+
+    // Null streams give failure results instead of faulting inside libc.
+    EXPECT_EQ(OsUtils::FClose(nullptr), 1);
+    EXPECT_EQ(OsUtils::FFlush(nullptr), 1);
+    EXPECT_EQ(OsUtils::FSeek(nullptr, 0, SEEK_SET), 1);
+    EXPECT_EQ(OsUtils::FTell(nullptr), -1);
+    EXPECT_EQ(OsUtils::FWrite("x", 1, 1, nullptr), 0u);
+    EXPECT_EQ(OsUtils::FRead(text, 1, 1, 1, nullptr), 0u);
+    EXPECT_EQ(OsUtils::FPrintF(nullptr, "x"), -1);
+    EXPECT_EQ(OsUtils::FOpen(nullptr, "r"), nullptr);
+
+    EXPECT_EQ(OsUtils::Close(-1), 0);
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    EXPECT_EQ(OsUtils::Close(fds[0]), 0);
+    EXPECT_EQ(OsUtils::Close(fds[1]), 0);
+    EXPECT_EQ(OsUtils::Close(fds[1]), 1);  // already closed
+}
+
+TEST(OsUtilsProperties, WrappersAndTheirNullResults) {
+    ASSERT_EQ(property_set("vendor.test.osutils.text", "camera"), 0);
+    ASSERT_EQ(property_set("vendor.test.osutils.number", "0x10"), 0);
+    ASSERT_EQ(property_set("vendor.test.osutils.flag", "true"), 0);
+
+    char value[PROPERTY_VALUE_MAX] = "untouched";
+    EXPECT_EQ(OsUtils::GetPropertyString("vendor.test.osutils.text", value, "d"), 6);
+    EXPECT_STREQ(value, "camera");
+    EXPECT_EQ(OsUtils::GetPropertyString("vendor.test.osutils.missing", value, "dflt"), 4);
+    EXPECT_STREQ(value, "dflt");
+    strcpy(value, "untouched");
+    EXPECT_EQ(OsUtils::GetPropertyString("vendor.test.osutils.text", value, nullptr), 0);
+    EXPECT_STREQ(value, "untouched");
+
+    EXPECT_EQ(OsUtils::GetPropertyINT32("vendor.test.osutils.number", 7), 16);
+    EXPECT_EQ(OsUtils::GetPropertyINT32("vendor.test.osutils.missing", 7), 7);
+    EXPECT_EQ(OsUtils::GetPropertyINT32(nullptr, 7), 0);
+    EXPECT_EQ(OsUtils::GetPropertyINT64("vendor.test.osutils.number", 7), 16);
+    EXPECT_EQ(OsUtils::GetPropertyINT64(nullptr, 7), 0);
+    EXPECT_TRUE(OsUtils::GetPropertyBool("vendor.test.osutils.flag", 0));
+    EXPECT_TRUE(OsUtils::GetPropertyBool("vendor.test.osutils.missing", 1));
+    EXPECT_FALSE(OsUtils::GetPropertyBool(nullptr, 1));
+
+    struct Seen {
+        int count = 0;
+        bool sawText = false;
+    } seen;
+    OsUtils::GetPropertyList(
+            [](const char* key, const char* text, void* cookie) {
+                auto* state = static_cast<Seen*>(cookie);
+                ++state->count;
+                if (strcmp(key, "vendor.test.osutils.text") == 0) {
+                    state->sawText = strcmp(text, "camera") == 0;
+                }
+            },
+            &seen);
+    EXPECT_GE(seen.count, 3);
+    EXPECT_TRUE(seen.sawText);
+    OsUtils::GetPropertyList(nullptr, &seen);  // ignored
+}
+
+TEST(OsUtilsIds, ThreadAndProcess) {
+    EXPECT_EQ(OsUtils::GetProcessID(), getpid());
+    EXPECT_EQ(OsUtils::GetPid(), getpid());
+    EXPECT_EQ(OsUtils::GetThreadID(), getpid());  // the main thread
+    int other = 0;
+    std::thread([&] { other = OsUtils::GetThreadID(); }).join();
+    EXPECT_NE(other, 0);
+    EXPECT_NE(other, getpid());
+}
+
+}  // namespace

@@ -1,0 +1,207 @@
+// The debug log frame: the message frame, the call-site gate, filtering and loading of the masks.
+#define VXCAM_LOG_SOURCE "hardware/camera/test/DebugFrameProbe"
+#include "VxCamDebug.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
+
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+#include "VxCamCommonUtils.h"
+
+namespace {
+
+using vxcamtest::LogCapture;
+
+// Every test starts from the loaded defaults and leaves the globals as it found them.
+class DebugFrame : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_saved = VxCam::g_logInfo;
+        m_savedUpdated = VxCam::g_logInfoUpdated;
+        m_savedTrace = VxCam::g_traceInfo;
+        VxCam::g_logInfoUpdated = 1;
+    }
+    void TearDown() override {
+        VxCam::g_logInfo = m_saved;
+        VxCam::g_logInfoUpdated = m_savedUpdated;
+        VxCam::g_traceInfo = m_savedTrace;
+    }
+
+private:
+    VxCam::DebugLogInfo m_saved{};
+    uint32_t m_savedUpdated = 0;
+    uint64_t m_savedTrace = 0;
+};
+
+TEST_F(DebugFrame, LoadedDefaults) {
+    EXPECT_EQ(VxCam::g_logInfo.debugMask, 0u);
+    EXPECT_EQ(VxCam::g_logInfo.errorMask, 0xFFFFFFFFu);
+    EXPECT_EQ(VxCam::g_logInfo.warningMask, 0xFFFFu);
+    EXPECT_EQ(VxCam::g_logInfo.level3Mask, 0u);
+    EXPECT_EQ(VxCam::g_logInfo.infoMask, 0x23u);
+    EXPECT_EQ(VxCam::g_logInfo.verboseMask, 0u);
+    EXPECT_EQ(VxCam::g_logInfo.pLogFile, nullptr);
+    EXPECT_EQ(VxCam::g_logInfo.systemLogEnable, 1u);
+    EXPECT_EQ(VxCam::g_logInfo.offlineLogEnable, 0u);
+    EXPECT_EQ(VxCam::g_logInfo.isUpdated, 1u);
+    EXPECT_EQ(VxCam::g_traceInfo, 0u);
+    EXPECT_EQ(VxCam::g_logInfoStored, 0u);
+}
+
+TEST_F(DebugFrame, MessageFrameNamesLevelGroupSourceLineAndFunction) {
+    LogCapture capture;
+    // clang-format off
+    const int errorLine = __LINE__; VXCAM_LOGE(UTILS, "Invalid format %d", 40);
+    const int infoLine = __LINE__; VXCAM_LOGI(CORE, "plain text");
+    // clang-format on
+    VxCam::g_logInfo.verboseMask = VXCAM_GROUP_BIT_CORE;
+    // clang-format off
+    const int verboseLine = __LINE__; VXCAM_LOGV(CORE, "%s=%u", "depth", 3u);
+    // clang-format on
+    const std::vector<vxcamtest::LogLine> lines = capture.Lines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0].message, "[ERROR   ][UTILS  ] DebugFrameProbe:" + std::to_string(errorLine) +
+                                        " TestBody() Invalid format 40");
+    EXPECT_EQ(lines[0].priority, ANDROID_LOG_ERROR);
+    EXPECT_EQ(lines[0].tag, "VxCam");
+    EXPECT_EQ(lines[1].message, "[INFO    ][CORE   ] DebugFrameProbe:" + std::to_string(infoLine) +
+                                        " TestBody() plain text");
+    EXPECT_EQ(lines[1].priority, ANDROID_LOG_INFO);
+    EXPECT_EQ(lines[2].message, "[VERBOSE ][CORE   ] DebugFrameProbe:" +
+                                        std::to_string(verboseLine) + " TestBody() depth=3");
+    EXPECT_EQ(lines[2].priority, ANDROID_LOG_VERBOSE);
+}
+
+TEST_F(DebugFrame, AndroidPriorityOfEachLevel) {
+    LogCapture capture;
+    const int expected[] = {3, 6, 5, 6, 4, 2, 6, 6, 6};
+    for (unsigned level = 0; level < sizeof(expected) / sizeof(expected[0]); ++level) {
+        VxCam::OsUtils::LogSystem(level, "x");
+    }
+    const std::vector<vxcamtest::LogLine> lines = capture.Lines();
+    ASSERT_EQ(lines.size(), sizeof(expected) / sizeof(expected[0]));
+    for (size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_EQ(lines[i].priority, expected[i]) << "level " << i;
+        EXPECT_EQ(lines[i].tag, "VxCam");
+    }
+}
+
+TEST_F(DebugFrame, MasksDecideByLevelAndGroup) {
+    struct Case {
+        uint32_t infoMask;
+        uint32_t errorMask;
+        unsigned group;
+        unsigned level;
+        bool written;
+    };
+    const Case cases[] = {
+            {0x23, 0xFFFFFFFF, 1, 4, true},   // core info with the default mask
+            {0x23, 0xFFFFFFFF, 4, 4, false},  // utils info is not in 0x23
+            {0x04, 0xFFFFFFFF, 4, 4, true},
+            {0x00, 0xFFFFFFFF, 1, 1, true},   // errors pass in every group
+            {0x00, 0xFFFFFFFF, 0x80, 1, true},
+            {0x00, 0x00000000, 1, 1, false},  // only because a host cleared the error mask
+            {0xFF, 0xFFFFFFFF, 1, 7, false},  // no mask above verbose
+    };
+    for (const Case& c : cases) {
+        VxCam::g_logInfo.infoMask = c.infoMask;
+        VxCam::g_logInfo.errorMask = c.errorMask;
+        LogCapture capture;
+        VxCam::Log::LogSystem(c.group, "I", c.level, "probe");
+        EXPECT_EQ(capture.Lines().size(), c.written ? 1u : 0u)
+                << "mask " << c.infoMask << " group " << c.group << " level " << c.level;
+    }
+}
+
+int s_argumentEvaluations = 0;
+int CountedArgument() { return ++s_argumentEvaluations; }
+
+TEST_F(DebugFrame, GateSkipsArgumentsUnlessTheMasksAreNotYetKnown) {
+    LogCapture capture;
+    VxCam::g_logInfo.infoMask = 0;
+    s_argumentEvaluations = 0;
+    VXCAM_LOGI(CORE, "%d", CountedArgument());
+    EXPECT_EQ(s_argumentEvaluations, 0);
+
+    // While the host has not said the masks are loaded, every call reaches LogSystem, which
+    // still filters.
+    VxCam::g_logInfoUpdated = 0;
+    VXCAM_LOGI(CORE, "%d", CountedArgument());
+    EXPECT_EQ(s_argumentEvaluations, 1);
+    EXPECT_TRUE(capture.Lines().empty());
+}
+
+TEST_F(DebugFrame, SystemLogSwitchSilencesEverything) {
+    LogCapture capture;
+    VxCam::g_logInfo.systemLogEnable = 0;
+    VXCAM_LOGE(CORE, "lost");
+    VxCam::Log::LogSystem(1, "E", 1, "lost too");
+    VxCam::g_logInfo.systemLogEnable = 2;  // only exactly 1 enables
+    VxCam::Log::LogSystem(1, "E", 1, "lost as well");
+    EXPECT_TRUE(capture.Lines().empty());
+}
+
+TEST_F(DebugFrame, LongMessagesAreCutAt1023Characters) {
+    LogCapture capture;
+    const std::string text(2000, 'x');
+    VxCam::Log::LogSystem(1, "E", 1, "%s", text.c_str());
+    VxCam::Log::LogSystem(1, "E", 1, "%s", text.substr(0, 1023).c_str());
+    VxCam::Log::LogSystem(1, "E", 1, "%s", text.substr(0, 1022).c_str());
+    const std::vector<std::string> messages = capture.Messages();
+    ASSERT_EQ(messages.size(), 3u);
+    EXPECT_EQ(messages[0], text.substr(0, 1023));
+    EXPECT_EQ(messages[1], text.substr(0, 1023));
+    EXPECT_EQ(messages[2], text.substr(0, 1022));
+}
+
+TEST_F(DebugFrame, FirstMessageLoadsTheMasksWhenNotYetLoaded) {
+    LogCapture capture;
+    VxCam::g_logInfo.isUpdated = 0;
+    VxCam::g_logInfo.infoMask = 0;
+    VxCam::g_logInfo.systemLogEnable = 0;
+    VxCam::Log::LogSystem(1, "I", 4, "after load");
+    EXPECT_EQ(VxCam::g_logInfo.isUpdated, 1u);
+    EXPECT_EQ(VxCam::g_logInfo.infoMask, 0x23u);
+    const std::vector<std::string> messages = capture.Messages();
+    ASSERT_EQ(messages.size(), 2u);
+    EXPECT_NE(messages[0].find("UpdateLogInfo() system log enable 1"), std::string::npos);
+    EXPECT_EQ(messages[1], "after load");
+}
+
+TEST_F(DebugFrame, UpdateLogInfoReloadsClosesTheLogFileAndKeepsTheErrorMask) {
+    LogCapture capture;
+    FILE* file = tmpfile();
+    ASSERT_NE(file, nullptr);
+    const int fd = fileno(file);
+    VxCam::g_logInfo.pLogFile = file;
+    VxCam::g_logInfo.errorMask = 0x5;
+    VxCam::g_logInfo.level3Mask = 0x7;
+    VxCam::g_logInfo.warningMask = 0;
+    VxCam::g_traceInfo = 0xABCD000000001234ull;
+    VxCam::Log::UpdateLogInfo();
+    EXPECT_EQ(VxCam::g_logInfo.pLogFile, nullptr);
+    errno = 0;
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);  // closed
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(VxCam::g_logInfo.errorMask, 0x5u);
+    EXPECT_EQ(VxCam::g_logInfo.level3Mask, 0x7u);
+    EXPECT_EQ(VxCam::g_logInfo.warningMask, 0xFFFFu);
+    EXPECT_EQ(VxCam::g_traceInfo, 0xABCD000000000000ull);  // TraceLogMask lands in the low half
+    const std::vector<vxcamtest::LogLine> lines = capture.Lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].priority, ANDROID_LOG_INFO);
+    EXPECT_EQ(lines[0].message.substr(0, 11), "VxCamDebug:");
+}
+
+TEST_F(DebugFrame, GetFileNameGivesTheBaseName) {
+    EXPECT_STREQ(VxCam::Log::GetFileName("hardware/camera/common/utils/VxCamCommonUtils"),
+                 "VxCamCommonUtils");
+    EXPECT_STREQ(VxCam::Log::GetFileName("VxCamDebug"), "VxCamDebug");
+}
+
+}  // namespace

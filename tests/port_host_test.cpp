@@ -1,0 +1,786 @@
+// Tests of the host port: the Android interfaces the library calls, as a Linux host provides them.
+// The properties come from tests/data/port-sysroot/vendor/build.prop (VXCAM_SYSROOT is set by ctest).
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <VxCamPortPath.h>
+#include <android/log.h>
+#include <cutils/properties.h>
+#include <cutils/trace.h>
+#include <sync/sync.h>
+#include <utils/CallStack.h>
+#include <utils/String8.h>
+#include <vxf/VxFeature.h>
+
+namespace {
+
+// A developer's own ANDROID_LOG_TAGS would silently drop the lines these tests look for; the
+// filter is read once per process, so clear it before anything logs.
+const bool kLogTagsCleared = (unsetenv("ANDROID_LOG_TAGS"), true);
+
+// Sends fd 2 to a temporary file until Finish(), which returns what was written.
+class StderrCapture {
+  public:
+    StderrCapture() {
+        fflush(stderr);
+        mFile = tmpfile();
+        mSaved = dup(STDERR_FILENO);
+        if (mFile != nullptr) dup2(fileno(mFile), STDERR_FILENO);
+    }
+    ~StderrCapture() { Finish(); }
+
+    std::string Finish() {
+        if (mFile == nullptr) return mText;
+        dup2(mSaved, STDERR_FILENO);
+        close(mSaved);
+        fseek(mFile, 0, SEEK_SET);
+        char buffer[4096];
+        size_t n;
+        while ((n = fread(buffer, 1, sizeof(buffer), mFile)) > 0) mText.append(buffer, n);
+        fclose(mFile);
+        mFile = nullptr;
+        return mText;
+    }
+
+  private:
+    FILE* mFile = nullptr;
+    int mSaved = -1;
+    std::string mText;
+};
+
+std::vector<std::string> SplitLines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+// "MM-DD HH:MM:SS.mmm " of a CLOCK_REALTIME instant, in local time.
+std::string TimestampOf(const struct timespec& ts) {
+    struct tm local = {};
+    localtime_r(&ts.tv_sec, &local);
+    char text[32];
+    snprintf(text, sizeof(text), "%02d-%02d %02d:%02d:%02d.%03d ", local.tm_mon + 1, local.tm_mday,
+             local.tm_hour, local.tm_min, local.tm_sec, static_cast<int>(ts.tv_nsec / 1000000));
+    return text;
+}
+
+std::string PidTid() {
+    char text[32];
+    snprintf(text, sizeof(text), "%5d %5d", static_cast<int>(getpid()), static_cast<int>(gettid()));
+    return text;
+}
+
+const std::regex kTimestamp(R"(^\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} $)");
+
+// ---- Captured logger --------------------------------------------------------------------------
+struct Captured {
+    int32_t bufferId;
+    int32_t priority;
+    std::string tag;
+    std::string message;
+};
+std::mutex gCapturedMutex;
+std::vector<Captured> gCaptured;
+
+void CaptureLogger(const struct __android_log_message* m) {
+    std::lock_guard<std::mutex> lock(gCapturedMutex);
+    gCaptured.push_back({m->buffer_id, m->priority, m->tag, m->message});
+}
+
+class LoggerHook {
+  public:
+    LoggerHook() {
+        gCaptured.clear();
+        __android_log_set_logger(CaptureLogger);
+    }
+    ~LoggerHook() { __android_log_set_logger(nullptr); }
+};
+
+// ---- Log line layout ----------------------------------------------------------------------------
+
+TEST(PortHostLogTest, StderrLineLayoutIsThreadtime) {
+    // A zone far from UTC makes a logger that prints UTC instead of local time fail.
+    const char* oldTz = getenv("TZ");
+    std::string savedTz = oldTz != nullptr ? oldTz : "";
+    setenv("TZ", "VXT-9", 1);
+    tzset();
+
+    struct Case {
+        int priority;
+        const char* tag;
+        const char* message;
+        std::vector<std::string> tails;  // every line after "MM-DD HH:MM:SS.mmm pid tid "
+    };
+    const std::vector<Case> cases = {
+            {ANDROID_LOG_UNKNOWN, "VxCam", "p0", {"? VxCam   : p0"}},
+            {ANDROID_LOG_DEFAULT, "VxCam", "p1", {"? VxCam   : p1"}},
+            {ANDROID_LOG_VERBOSE, "VxCam", "p2", {"V VxCam   : p2"}},
+            {ANDROID_LOG_DEBUG, "VxCam", "p3", {"D VxCam   : p3"}},
+            {ANDROID_LOG_INFO, "VxCam", "p4", {"I VxCam   : p4"}},
+            {ANDROID_LOG_WARN, "VxCam", "p5", {"W VxCam   : p5"}},
+            {ANDROID_LOG_ERROR, "VxCam", "p6", {"E VxCam   : p6"}},
+            {ANDROID_LOG_FATAL, "VxCam", "p7", {"F VxCam   : p7"}},
+            {ANDROID_LOG_SILENT, "VxCam", "p8", {"S VxCam   : p8"}},
+            {9, "VxCam", "p9", {"? VxCam   : p9"}},
+            {ANDROID_LOG_INFO, "", "no tag", {"I         : no tag"}},
+            {ANDROID_LOG_INFO, "exactly8", "fits", {"I exactly8: fits"}},
+            {ANDROID_LOG_INFO, "longer-than-8", "grows", {"I longer-than-8: grows"}},
+            {ANDROID_LOG_INFO, "T", "100% literal %s", {"I T       : 100% literal %s"}},
+            {ANDROID_LOG_INFO, "T", "", {"I T       : "}},
+            {ANDROID_LOG_INFO, "T", "\n", {"I T       : "}},
+            {ANDROID_LOG_INFO, "T", "one\ntwo", {"I T       : one", "I T       : two"}},
+            {ANDROID_LOG_INFO, "T", "one\n\n", {"I T       : one"}},
+            {ANDROID_LOG_INFO, "T", "a\n\nb\n", {"I T       : a", "I T       : ", "I T       : b"}},
+            {ANDROID_LOG_INFO, "T", "\nlead", {"I T       : ", "I T       : lead"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message()
+                     << "priority " << c.priority << " message '" << c.message << "'");
+        struct timespec before = {}, after = {};
+        StderrCapture capture;
+        clock_gettime(CLOCK_REALTIME, &before);
+        int ret = __android_log_write(c.priority, c.tag, c.message);
+        clock_gettime(CLOCK_REALTIME, &after);
+        std::string text = capture.Finish();
+        EXPECT_EQ(ret, 1);
+        ASSERT_FALSE(text.empty());
+        EXPECT_EQ(text.back(), '\n');
+        std::vector<std::string> lines = SplitLines(text);
+        ASSERT_EQ(lines.size(), c.tails.size()) << text;
+        for (size_t i = 0; i < lines.size(); ++i) {
+            ASSERT_GE(lines[i].size(), 19u) << lines[i];
+            std::string stamp = lines[i].substr(0, 19);
+            EXPECT_TRUE(std::regex_match(stamp, kTimestamp)) << lines[i];
+            // Same year assumed: the strings then order as the instants do.
+            EXPECT_LE(TimestampOf(before), stamp);
+            EXPECT_GE(TimestampOf(after), stamp);
+            EXPECT_EQ(lines[i].substr(19), PidTid() + " " + c.tails[i]);
+        }
+    }
+
+    if (oldTz != nullptr) {
+        setenv("TZ", savedTz.c_str(), 1);
+    } else {
+        unsetenv("TZ");
+    }
+    tzset();
+}
+
+TEST(PortHostLogTest, PrintFormatsNullsAndTruncatesLikeLiblog) {
+    LoggerHook hook;
+    std::string longArg(1500, 'x');
+    EXPECT_EQ(__android_log_print(ANDROID_LOG_WARN, "VxCam", "v=%d %s", 42, "ok"), 1);
+    EXPECT_EQ(__android_log_print(ANDROID_LOG_ERROR, nullptr, "%s", longArg.c_str()), 1);
+    EXPECT_EQ(__android_log_write(ANDROID_LOG_INFO, "VxCam", nullptr), 1);
+    struct __android_log_message direct = {sizeof(direct), 0, ANDROID_LOG_DEBUG,      "Direct",
+                                           nullptr,        0, "via write_log_message"};
+    __android_log_write_log_message(&direct);
+    __android_log_write_log_message(nullptr);
+
+    std::lock_guard<std::mutex> lock(gCapturedMutex);
+    ASSERT_EQ(gCaptured.size(), 4u);
+    EXPECT_EQ(gCaptured[0].bufferId, 0);
+    EXPECT_EQ(gCaptured[0].priority, ANDROID_LOG_WARN);
+    EXPECT_EQ(gCaptured[0].tag, "VxCam");
+    EXPECT_EQ(gCaptured[0].message, "v=42 ok");
+    EXPECT_EQ(gCaptured[1].tag, "");
+    EXPECT_EQ(gCaptured[1].message, std::string(1023, 'x'));
+    EXPECT_EQ(gCaptured[2].message, "");
+    EXPECT_EQ(gCaptured[3].priority, ANDROID_LOG_DEBUG);
+    EXPECT_EQ(gCaptured[3].tag, "Direct");
+    EXPECT_EQ(gCaptured[3].message, "via write_log_message");
+}
+
+TEST(PortHostLogTest, ResettingTheLoggerRestoresStderr) {
+    {
+        LoggerHook hook;
+        StderrCapture capture;
+        __android_log_write(ANDROID_LOG_INFO, "VxCam", "to the hook");
+        EXPECT_EQ(capture.Finish(), "");
+    }
+    StderrCapture capture;
+    __android_log_write(ANDROID_LOG_INFO, "VxCam", "back on stderr");
+    EXPECT_THAT(capture.Finish(), testing::EndsWith("I VxCam   : back on stderr\n"));
+}
+
+TEST(PortHostLogTest, ConcurrentMessagesAreNeitherLostNorTorn) {
+    constexpr int kThreads = 4;
+    constexpr int kMessages = 500;
+    StderrCapture capture;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            for (int m = 0; m < kMessages; ++m) {
+                __android_log_print(ANDROID_LOG_INFO, "VxStress", "t%d m%d first\nt%d m%d second",
+                                    t, m, t, m);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    std::vector<std::string> lines = SplitLines(capture.Finish());
+
+    ASSERT_EQ(lines.size(), size_t{2 * kThreads * kMessages});
+    const std::regex layout(
+            R"(^\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +\d+ +\d+ I VxStress: (t\d+ m\d+) (first|second)$)");
+    std::set<std::string> seen;
+    for (size_t i = 0; i < lines.size(); i += 2) {
+        std::smatch first, second;
+        ASSERT_TRUE(std::regex_match(lines[i], first, layout)) << lines[i];
+        ASSERT_TRUE(std::regex_match(lines[i + 1], second, layout)) << lines[i + 1];
+        // Both lines of one call come from one write, so they must stay adjacent.
+        EXPECT_EQ(first[2].str(), "first");
+        EXPECT_EQ(second[2].str(), "second");
+        EXPECT_EQ(first[1].str(), second[1].str());
+        EXPECT_TRUE(seen.insert(first[1]).second) << "twice: " << first[1];
+    }
+    EXPECT_EQ(seen.size(), size_t{kThreads * kMessages});
+}
+
+// The filter is read once per process, so each case runs in a freshly started copy of this test.
+TEST(PortHostLogTest, AndroidLogTagsFilterTheStderrLogger) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    struct Case {
+        const char* tags;
+        const char* tag;
+        int priority;
+        bool printed;
+    };
+    const Case cases[] = {
+            {"*:w", "A", ANDROID_LOG_WARN, true},
+            {"*:w", "A", ANDROID_LOG_INFO, false},
+            {"*:W", "A", ANDROID_LOG_ERROR, true},
+            {"VxCam:d *:s", "VxCam", ANDROID_LOG_DEBUG, true},
+            {"VxCam:d *:s", "VxCam", ANDROID_LOG_VERBOSE, false},
+            {"VxCam:d *:s", "Other", ANDROID_LOG_FATAL, false},
+            {"VxCam:d", "Other", ANDROID_LOG_VERBOSE, true},
+            {"  *:e \t VxCam:i ", "VxCam", ANDROID_LOG_INFO, true},
+            {"*:e VxCam:i", "VxCamX", ANDROID_LOG_WARN, false},
+            {"*:s", "A", ANDROID_LOG_SILENT, false},
+            {"*:v", "A", ANDROID_LOG_VERBOSE, true},
+    };
+    const char* old = getenv("ANDROID_LOG_TAGS");
+    std::string saved = old != nullptr ? old : "";
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.tags << " / " << c.tag << " / " << c.priority);
+        setenv("ANDROID_LOG_TAGS", c.tags, 1);
+        // Exit code 0: returned 1 from both calls; 1: -EPERM from both; 2: anything else.
+        auto run = [&] {
+            int write = __android_log_write(c.priority, c.tag, "filter-probe");
+            int print = __android_log_print(c.priority, c.tag, "%s", "filter-probe");
+            _exit(write == 1 && print == 1 ? 0 : write == -EPERM && print == -EPERM ? 1 : 2);
+        };
+        if (c.printed) {
+            EXPECT_EXIT(run(), testing::ExitedWithCode(0), testing::HasSubstr(": filter-probe"));
+        } else {
+            EXPECT_EXIT(run(), testing::ExitedWithCode(1),
+                        testing::Not(testing::HasSubstr("filter-probe")));
+        }
+    }
+    // A logger of the program's own sees everything: the filter belongs to the stderr logger.
+    setenv("ANDROID_LOG_TAGS", "*:s", 1);
+    EXPECT_EXIT(
+            {
+                __android_log_set_logger(CaptureLogger);
+                int ret = __android_log_write(ANDROID_LOG_VERBOSE, "A", "hooked");
+                _exit(ret == 1 && gCaptured.size() == 1 ? 0 : 1);
+            },
+            testing::ExitedWithCode(0), "");
+    if (old != nullptr) {
+        setenv("ANDROID_LOG_TAGS", saved.c_str(), 1);
+    } else {
+        unsetenv("ANDROID_LOG_TAGS");
+    }
+}
+
+// ---- Properties ---------------------------------------------------------------------------------
+
+class PortHostPropertiesTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        const char* sysroot = getenv("VXCAM_SYSROOT");
+        ASSERT_TRUE(sysroot != nullptr && strstr(sysroot, "port-sysroot") != nullptr)
+                << "run through ctest, which points VXCAM_SYSROOT at tests/data/port-sysroot";
+    }
+};
+
+std::string Get(const char* key, const char* defaultValue) {
+    char value[PROPERTY_VALUE_MAX];
+    memset(value, '@', sizeof(value));
+    int length = property_get(key, value, defaultValue);
+    EXPECT_EQ(length, static_cast<int>(strlen(value))) << key;
+    return value;
+}
+
+TEST_F(PortHostPropertiesTest, BuildPropLinesAreParsed) {
+    const std::string len91 = std::string(90, 'a') + "Z";
+    const std::map<std::string, std::string> cases = {
+            {"vendor.test.plain", "hello"},
+            {"vendor.test.spaced", "two words"},
+            {"vendor.test.eq", "a=b"},
+            {"vendor.test.crlf", "dos"},
+            {"vendor.test.dup", "second"},
+            {"vendor.test.len91", len91},
+            {"ro.vendor.test.locked", "fixed"},
+            {"vendor.test.len92", "<default>"},
+            {"vendor.test.empty", "<default>"},
+            {"vendor.test.noequals", "<default>"},
+            {"#vendor.test.commented", "<default>"},
+            {"", "<default>"},
+            {"vendor.test.absent", "<default>"},
+    };
+    for (const auto& [key, expected] : cases)
+        EXPECT_EQ(Get(key.c_str(), "<default>"), expected) << key;
+}
+
+TEST_F(PortHostPropertiesTest, OverlongValueIsReportedOnce) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // In a fresh process, so that this test sees the one-time load and its warning.
+    EXPECT_EXIT(
+            {
+                __android_log_set_logger(CaptureLogger);
+                char value[PROPERTY_VALUE_MAX];
+                property_get("vendor.test.plain", value, "");
+                property_get("vendor.test.len92", value, "");
+                for (const Captured& c : gCaptured) fprintf(stderr, "<%s>\n", c.message.c_str());
+                bool ok = gCaptured.size() == 1 && gCaptured[0].priority == ANDROID_LOG_WARN &&
+                          gCaptured[0].tag == "properties";
+                _exit(ok ? 0 : 1);
+            },
+            testing::ExitedWithCode(0),
+            testing::ContainsRegex("port-sysroot/vendor/build.prop.*16.*vendor.test.len92"));
+}
+
+TEST_F(PortHostPropertiesTest, GetHandlesDefaultsAndNulls) {
+    const std::string longDefault(120, 'd');
+    EXPECT_EQ(Get("vendor.test.absent", longDefault.c_str()), std::string(91, 'd'));
+    EXPECT_EQ(Get("vendor.test.absent", nullptr), "");
+    EXPECT_EQ(Get("vendor.test.plain", nullptr), "hello");
+    EXPECT_EQ(property_get("vendor.test.plain", nullptr, "x"), 0);
+    char untouched[PROPERTY_VALUE_MAX] = "keep";
+    EXPECT_EQ(property_get(nullptr, untouched, "x"), 0);
+    EXPECT_STREQ(untouched, "keep");
+}
+
+TEST_F(PortHostPropertiesTest, BoolWords) {
+    const std::map<std::string, int> cases = {
+            {"1", 1},  {"y", 1},   {"yes", 1},   {"on", 1},    {"true", 1}, {"0", 0},  {"n", 0},
+            {"no", 0}, {"off", 0}, {"false", 0}, {"TRUE", -1}, {"Yes", -1}, {"2", -1}, {"yess", -1},
+    };
+    for (const auto& [word, expected] : cases) {
+        std::string key = "vendor.test.bool." + word;
+        EXPECT_EQ(property_get_bool(key.c_str(), -1), expected) << word;
+        // Neither default may leak into a recognised word.
+        EXPECT_EQ(property_get_bool(key.c_str(), 7), expected == -1 ? 7 : expected) << word;
+    }
+    EXPECT_EQ(property_get_bool("vendor.test.absent", 1), 1);
+    EXPECT_EQ(property_get_bool(nullptr, 1), 1);
+}
+
+TEST_F(PortHostPropertiesTest, IntegersParseAsStrtoimaxBaseZero) {
+    constexpr int64_t kDef64 = -99;
+    constexpr int32_t kDef32 = -77;
+    struct Case {
+        const char* key;
+        int64_t as64;
+        int32_t as32;
+    };
+    const Case cases[] = {
+            {"dec", 42, 42},
+            {"neg", -7, -7},
+            {"plus", 5, 5},
+            {"hex", 31, 31},
+            {"HEX", 31, 31},
+            {"octal", 8, 8},
+            {"garbage", 12, 12},
+            {"nodigits", kDef64, kDef32},
+            {"zerox", 0, 0},
+            {"max64", INT64_MAX, kDef32},
+            {"over64", kDef64, kDef32},
+            {"min64", INT64_MIN, kDef32},
+            {"under64", kDef64, kDef32},
+            {"max32", INT32_MAX, INT32_MAX},
+            {"over32", 2147483648LL, kDef32},
+            {"min32", INT32_MIN, INT32_MIN},
+            {"under32", -2147483649LL, kDef32},
+            {"absent", kDef64, kDef32},
+    };
+    for (const Case& c : cases) {
+        std::string key = std::string("vendor.test.int.") + c.key;
+        errno = 1234;
+        EXPECT_EQ(property_get_int64(key.c_str(), kDef64), c.as64) << c.key;
+        EXPECT_EQ(property_get_int32(key.c_str(), kDef32), c.as32) << c.key;
+        EXPECT_EQ(errno, 1234) << c.key;
+    }
+    EXPECT_EQ(property_get_int32("vendor.test.empty", 5), 5);
+    EXPECT_EQ(property_get_int64(nullptr, 5), 5);
+}
+
+TEST_F(PortHostPropertiesTest, SetRules) {
+    const std::string v91(91, 'v');
+    const std::string v92(92, 'v');
+    struct Case {
+        const char* key;
+        const char* value;
+        int ret;
+        const char* readBack;  // with default "<d>"
+    };
+    // Read-only keys can be written once per process; fresh names keep --gtest_repeat working.
+    static int run = 0;
+    const std::string fresh = "ro.vendor.set.fresh" + std::to_string(run);
+    const std::string blank = "ro.vendor.set.blank" + std::to_string(run);
+    ++run;
+    const Case cases[] = {
+            {"vendor.set.a", "one", 0, "one"},
+            {"vendor.set.a", "two", 0, "two"},
+            {"vendor.set.a", nullptr, 0, "<d>"},
+            {"vendor.set.b", v91.c_str(), 0, v91.c_str()},
+            {"vendor.set.b", v92.c_str(), -1, v91.c_str()},
+            {nullptr, "x", -1, nullptr},
+            {"ro.vendor.test.locked", "other", -1, "fixed"},
+            {blank.c_str(), "", 0, "<d>"},
+            {blank.c_str(), "now", 0, "now"},
+            {blank.c_str(), "again", -1, "now"},
+            {fresh.c_str(), "first", 0, "first"},
+            {fresh.c_str(), "first", -1, "first"},
+            {"vendor.test.plain.shadow", "", 0, "<d>"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message()
+                     << (c.key ? c.key : "(null)") << " = " << (c.value ? c.value : "(null)"));
+        EXPECT_EQ(property_set(c.key, c.value), c.ret);
+        if (c.readBack != nullptr) {
+            EXPECT_EQ(Get(c.key, "<d>"), c.readBack);
+        }
+    }
+}
+
+TEST_F(PortHostPropertiesTest, ListSeesEveryPropertyAndMayReadInside) {
+    ASSERT_EQ(property_set("vendor.list.added", "yes"), 0);
+    std::map<std::string, std::string> listed;
+    std::vector<std::string> order;
+    auto collect = [](const char* key, const char* value, void* cookie) {
+        auto* out = static_cast<
+                std::pair<std::map<std::string, std::string>*, std::vector<std::string>*>*>(cookie);
+        // Reading inside the callback must not deadlock on the store's lock.
+        char again[PROPERTY_VALUE_MAX];
+        property_get(key, again, "");
+        (*out->first)[key] = value;
+        out->second->push_back(key);
+    };
+    auto cookie = std::make_pair(&listed, &order);
+    ASSERT_EQ(property_list(collect, &cookie), 0);
+    EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+    EXPECT_EQ(listed["vendor.test.plain"], "hello");
+    EXPECT_EQ(listed["vendor.test.dup"], "second");
+    EXPECT_EQ(listed["vendor.test.int.hex"], "0x1f");
+    EXPECT_EQ(listed["vendor.list.added"], "yes");
+    EXPECT_EQ(listed.count("vendor.test.len92"), 0u);
+    EXPECT_EQ(listed.count("vendor.test.noequals"), 0u);
+    // 9 plain keys, 14 bool words and 17 integers in the file, and the one set above.
+    EXPECT_GE(listed.size(), 41u);
+    EXPECT_EQ(property_list(nullptr, nullptr), -1);
+}
+
+TEST_F(PortHostPropertiesTest, ConcurrentSetsAndGetsSeeWholeValues) {
+    const std::string a(91, 'a');
+    const std::string b(40, 'b');
+    std::atomic<bool> torn{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 2000; ++i) {
+                if (t % 2 == 0) {
+                    property_set("vendor.race.value", (i + t) % 2 == 0 ? a.c_str() : b.c_str());
+                } else {
+                    std::string got = Get("vendor.race.value", a.c_str());
+                    if (got != a && got != b) torn = true;
+                    property_list([](const char*, const char*, void*) {}, nullptr);
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_FALSE(torn);
+}
+
+// ---- Trace, features ----------------------------------------------------------------------------
+
+TEST(PortHostTraceTest, EnabledTagsFollowTheProperty) {
+    const char* kKey = "debug.atrace.tags.enableflags";
+    EXPECT_EQ(atrace_get_enabled_tags(), uint64_t{ATRACE_TAG_ALWAYS});
+    const std::vector<std::pair<const char*, uint64_t>> cases = {
+            {"", 0x1},
+            {"0x400", 0x401},
+            {"0x400 ", 0x401},
+            {"1024", 0x401},
+            {"010", 0x9},
+            {"zz", 0x1},
+            {"0x400x", 0x1},
+            {"0x400 1", 0x1},
+            {"99999999999999999999999", 0x1},
+            {"0xffffffffffffffff", ATRACE_TAG_VALID_MASK},
+            {"0x18000400", 0x08000401},
+    };
+    for (const auto& [value, expected] : cases) {
+        ASSERT_EQ(property_set(kKey, value), 0);
+        EXPECT_EQ(atrace_get_enabled_tags(), expected) << "'" << value << "'";
+    }
+    property_set(kKey, "");
+    // Without a writable trace marker these go nowhere; they must not fail either way.
+    atrace_begin_body("VxCam section");
+    atrace_begin_body(nullptr);
+    atrace_end_body();
+    atrace_end_body();
+}
+
+TEST(PortHostFeatureTest, FeaturesComeFromProperties) {
+    ASSERT_EQ(property_set("vendor.vxf.feature.7", "3"), 0);
+    ASSERT_EQ(property_set("vendor.vxf.feature.-2", "0x10"), 0);
+    ASSERT_EQ(property_set("vendor.vxf.feature.8", "on"), 0);
+    EXPECT_EQ(GetVxFeature(7), 3);
+    EXPECT_EQ(GetVxFeature(-2), 16);
+    EXPECT_EQ(GetVxFeature(8), 0);
+    EXPECT_EQ(GetVxFeature(70), 0);
+}
+
+// ---- sync_wait ----------------------------------------------------------------------------------
+
+TEST(PortHostSyncTest, WaitOnPollableDescriptors) {
+    struct Case {
+        const char* name;
+        int (*prepare)(int readFd, int writeFd);  // returns the fd to wait on
+        int timeout;
+        int ret;
+        int error;
+    };
+    const Case cases[] = {
+            {"pending times out", [](int r, int) { return r; }, 10, -1, ETIME},
+            {"signalled", [](int r, int w) { return write(w, "x", 1) == 1 ? r : -2; }, 1000, 0, 0},
+            {"signalled, no wait", [](int r, int w) { return write(w, "x", 1) == 1 ? r : -2; }, 0,
+             0, 0},
+            {"writer gone", [](int r, int w) { return close(w) == 0 ? r : -2; }, 1000, 0, 0},
+            {"closed descriptor", [](int r, int) { return close(r) == 0 ? r : -2; }, 1000, -1,
+             EINVAL},
+            {"negative descriptor", [](int, int) { return -1; }, 1000, -1, EINVAL},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        int fd = c.prepare(fds[0], fds[1]);
+        ASSERT_NE(fd, -2);
+        errno = 0;
+        EXPECT_EQ(sync_wait(fd, c.timeout), c.ret);
+        if (c.ret != 0) {
+            EXPECT_EQ(errno, c.error);
+        }
+        // Whichever end the case closed already fails here harmlessly.
+        close(fds[0]);
+        close(fds[1]);
+    }
+}
+
+// ---- CallStack ----------------------------------------------------------------------------------
+
+__attribute__((noinline)) void VxPortCallStackProbe(android::CallStack* stack, int32_t ignoreDepth) {
+    stack->update(ignoreDepth);
+    // Keeps the call above from becoming a tail call, which would drop this frame.
+    asm volatile("" ::: "memory");
+}
+
+std::string SelfPath() {
+    char path[4096];
+    ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
+    return n > 0 ? std::string(path, static_cast<size_t>(n)) : "";
+}
+
+TEST(PortHostCallStackTest, FramesUseTheDeviceLayout) {
+    android::CallStack stack;
+    VxPortCallStackProbe(&stack, 1);
+    ASSERT_GE(stack.size(), 2u);
+    std::vector<std::string> lines = SplitLines(stack.toString().c_str());
+    ASSERT_EQ(lines.size(), stack.size());
+
+    const std::regex frame(R"(^#(\d\d) pc ([0-9a-f]{16})  (\S+)( \((.+)\+(\d+)\))?$)");
+    for (size_t i = 0; i < lines.size(); ++i) {
+        std::smatch m;
+        ASSERT_TRUE(std::regex_match(lines[i], m, frame)) << lines[i];
+        EXPECT_EQ(std::stoul(m[1].str()), i) << lines[i];
+    }
+    std::smatch top;
+    ASSERT_TRUE(std::regex_match(lines[0], top, frame));
+    EXPECT_EQ(top[3].str(), SelfPath());
+    EXPECT_EQ(top[5].str(),
+              "(anonymous namespace)::VxPortCallStackProbe(android::CallStack*, int)");
+
+    // The pc is file-relative and steps back into the call, and the offset is measured from the
+    // function's start: function start + offset must give the pc again.
+    Dl_info info = {};
+    void* probe = reinterpret_cast<void*>(&VxPortCallStackProbe);
+    ASSERT_NE(dladdr(probe, &info), 0);
+    uint64_t functionStart =
+            reinterpret_cast<uintptr_t>(probe) - reinterpret_cast<uintptr_t>(info.dli_fbase);
+    uint64_t pc = std::stoull(top[2].str(), nullptr, 16);
+    uint64_t offset = std::stoull(top[6].str());
+    EXPECT_GT(offset, 0u);
+    EXPECT_EQ(pc, functionStart + offset);
+    EXPECT_NE(lines[1].find("PortHostCallStackTest_FramesUseTheDeviceLayout_Test::TestBody()"),
+              std::string::npos)
+            << lines[1];
+}
+
+TEST(PortHostCallStackTest, DepthThreadAndRendering) {
+    android::CallStack stack;
+    VxPortCallStackProbe(&stack, 0);
+    ASSERT_GE(stack.size(), 3u);
+    EXPECT_THAT(std::string(stack.toString().c_str()), testing::StartsWith("#00 pc "));
+    EXPECT_THAT(SplitLines(stack.toString().c_str())[0],
+                testing::HasSubstr("(android::CallStack::update(int, int)+"));
+    EXPECT_THAT(SplitLines(stack.toString().c_str())[1],
+                testing::HasSubstr("VxPortCallStackProbe"));
+
+    VxPortCallStackProbe(&stack, 2);
+    ASSERT_GE(stack.size(), 1u);
+    EXPECT_THAT(SplitLines(stack.toString().c_str())[0], testing::HasSubstr("TestBody()"));
+
+    stack.update(1, gettid() + 100000);
+    EXPECT_EQ(stack.size(), 0u);
+    EXPECT_EQ(std::string(stack.toString("x").c_str()), "");
+
+    VxPortCallStackProbe(&stack, 1);
+    const std::vector<std::string> plain = SplitLines(stack.toString().c_str());
+    EXPECT_EQ(SplitLines(stack.toString("  >").c_str()).front(), "  >" + plain.front());
+
+    {
+        LoggerHook hook;
+        stack.log("VxStack", ANDROID_LOG_ERROR, "bt: ");
+        std::lock_guard<std::mutex> lock(gCapturedMutex);
+        ASSERT_EQ(gCaptured.size(), plain.size());
+        for (size_t i = 0; i < plain.size(); ++i) {
+            EXPECT_EQ(gCaptured[i].priority, ANDROID_LOG_ERROR);
+            EXPECT_EQ(gCaptured[i].tag, "VxStack");
+            EXPECT_EQ(gCaptured[i].message, "bt: " + plain[i]);
+        }
+    }
+
+    FILE* file = tmpfile();
+    ASSERT_NE(file, nullptr);
+    stack.dump(fileno(file), 3, "P:");
+    stack.dump(-1, 3, "P:");
+    fseek(file, 0, SEEK_SET);
+    char first[1024] = {};
+    ASSERT_NE(fgets(first, sizeof(first), file), nullptr);
+    fclose(file);
+    EXPECT_EQ(std::string(first), "   P:" + plain.front() + "\n");
+}
+
+TEST(PortHostCallStackTest, LoggingConstructorStartsAtItsCaller) {
+    LoggerHook hook;
+    android::CallStack stack("VxCtor");
+    std::lock_guard<std::mutex> lock(gCapturedMutex);
+    ASSERT_FALSE(gCaptured.empty());
+    EXPECT_EQ(gCaptured[0].priority, ANDROID_LOG_DEBUG);
+    EXPECT_EQ(gCaptured[0].tag, "VxCtor");
+    EXPECT_THAT(gCaptured[0].message, testing::StartsWith("#00 pc "));
+    EXPECT_THAT(gCaptured[0].message, testing::HasSubstr("TestBody()"));
+}
+
+// ---- Paths, strings -----------------------------------------------------------------------------
+
+TEST(PortHostPathTest, DevicePathsResolveUnderTheSysroot) {
+    const char* old = getenv("VXCAM_SYSROOT");
+    const std::string saved = old != nullptr ? old : "";
+    struct Case {
+        const char* sysroot;  // nullptr: unset
+        const char* path;
+        const char* expected;
+    };
+    const Case cases[] = {
+            {"/x/", "/vendor/a", "/x/vendor/a"},
+            {"/x", "/vendor/a", "/x/vendor/a"},
+            {"/x//", "/vendor/a", "/x/vendor/a"},
+            {"/", "/vendor/a", "/vendor/a"},
+            {"/x", "vendor/a", "vendor/a"},
+            {"", "/vendor/a", "/vendor/a"},
+            {nullptr, "/vendor/a", "/vendor/a"},
+            {"/x", "", ""},
+            {"/x", nullptr, ""},
+    };
+    for (const Case& c : cases) {
+        if (c.sysroot != nullptr) {
+            setenv("VXCAM_SYSROOT", c.sysroot, 1);
+        } else {
+            unsetenv("VXCAM_SYSROOT");
+        }
+        EXPECT_EQ(VxCamPort::ResolveDevicePath(c.path), c.expected)
+                << (c.sysroot ? c.sysroot : "(unset)") << " + " << (c.path ? c.path : "(null)");
+    }
+    if (old != nullptr) {
+        setenv("VXCAM_SYSROOT", saved.c_str(), 1);
+    } else {
+        unsetenv("VXCAM_SYSROOT");
+    }
+}
+
+TEST(PortHostStringTest, StrlcpyAndStrlcat) {
+    struct Case {
+        bool cat;
+        const char* initial;
+        size_t size;
+        const char* src;
+        size_t ret;
+        const char* result;
+    };
+    const Case cases[] = {
+            {false, "zzzzzzz", 8, "abc", 3, "abc"}, {false, "zzzzzzz", 4, "abcdef", 6, "abc"},
+            {false, "zzzzzzz", 1, "abcdef", 6, ""}, {false, "zzzzzzz", 0, "abcdef", 6, "zzzzzzz"},
+            {true, "ab", 8, "cd", 4, "abcd"},       {true, "ab", 5, "cdef", 6, "abcd"},
+            {true, "abcd", 5, "ef", 6, "abcd"},     {true, "abcdefg", 3, "xy", 5, "abcdefg"},
+            {true, "abc", 0, "xy", 2, "abc"},
+    };
+    for (const Case& c : cases) {
+        char buffer[16] = {};
+        strcpy(buffer, c.initial);
+        size_t ret = c.cat ? strlcat(buffer, c.src, c.size) : strlcpy(buffer, c.src, c.size);
+        EXPECT_EQ(ret, c.ret) << c.initial << (c.cat ? " += " : " = ") << c.src << " in " << c.size;
+        EXPECT_STREQ(buffer, c.result) << c.initial << (c.cat ? " += " : " = ") << c.src;
+    }
+}
+
+TEST(PortHostStringTest, String8Appends) {
+    android::String8 text("a");
+    EXPECT_EQ(text.append("b"), 0);
+    EXPECT_EQ(text.append(android::String8("c")), 0);
+    EXPECT_EQ(text.appendFormat("%d-%s", 12, "x"), 0);
+    const std::string big(3000, 'q');
+    EXPECT_EQ(text.appendFormat("%s!", big.c_str()), 0);
+    EXPECT_EQ(std::string(text.c_str()), "abc12-x" + big + "!");
+    EXPECT_NE(text.append(static_cast<const char*>(nullptr)), 0);
+    EXPECT_EQ(text.length(), 8 + big.size());
+    EXPECT_EQ(android::String8(nullptr, 3).length(), 0u);
+}
+
+}  // namespace

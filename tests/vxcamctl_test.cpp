@@ -1,0 +1,122 @@
+// vxcamctl as a user meets it: the override-file lint, help texts and errors.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+
+namespace {
+
+using vxcamtest::ProcessResult;
+using vxcamtest::TempDir;
+
+ProcessResult RunVxcamctl(const std::vector<std::string>& arguments) {
+    std::vector<std::string> argv = {vxcamtest::Vxcamctl()};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    // Keep the library's load-time log out of the way.
+    return vxcamtest::RunProcess(argv, {{"ANDROID_LOG_TAGS", "*:s"}});
+}
+
+TEST(VxcamctlCheck, ReportsWhatTheLoaderWouldSkipOrMisread) {
+    TempDir folder;
+    const std::string longLine = "OverridePipeline=" + std::string(130, 'p');
+    const std::string file = folder.Write("override.txt",
+                                          "; a comment\n"                    // 1: fine
+                                          "\n"                               // 2: fine
+                                          "LogInfoMsk=0x3\n"                 // 3
+                                          "LogEnable\n"                      // 4
+                                          "DumpInputInfo=2\n"                // 5: not base 2
+                                          "EnablePreInit=11\n"               // 6: reads as 3
+                                          "NumberOfThread=4x\n"              // 7
+                                          "LogDebugMask=0x1ffffffff\n"       // 8: beyond 32 bits
+                                          "CameraPosition=1,2,3,4,5,6,7,8,9\n"  // 9
+                                          "CameraPosition=1,two,3\n"         // 10: and set again
+                                          "TeleZoomStart=fast\n"             // 11
+                                          "BufferReleaseWaterLevel=9=6\n" +  // 12
+                                                  longLine + "\n"            // 13
+                                          "Log Info Mask = 0x3f\n"           // 14: fine
+                                          "LogVerboseMask=\n");              // 15
+    const ProcessResult result = RunVxcamctl({"settings", "--check", file});
+    EXPECT_EQ(result.exitCode, 1) << result.out << result.err;
+    const std::vector<std::string> expected = {
+            file + ":3: unknown key 'LogInfoMsk' (nearest setting: 'LogInfoMask')",
+            file + ":4: 'LogEnable' has no value",
+            file + ":5: '2' for 'DumpInputInfo' is not a base-2 number: the library reads 0",
+            file + ":6: '11' for 'EnablePreInit' reads as 3 in base 2, which is not 1",
+            file + ":7: '4x' for 'NumberOfThread' is not wholly a base-10 number: the library "
+                   "reads 4 and ignores 'x'",
+            file + ":8: '0x1ffffffff' for 'LogDebugMask' does not fit 32 unsigned bits: the "
+                   "library keeps 0xffffffff",
+            file + ":9: CameraPosition lists 9 values: the library keeps the first 8",
+            file + ":10: 'CameraPosition' is set again (first on line 9)",
+            file + ":10: CameraPosition piece 'two' is not a number",
+            file + ":11: 'fast' for 'TeleZoomStart' is not a number",
+            file + ":12: the value of 'BufferReleaseWaterLevel' is '9': the text after the second "
+                   "'=' ('6') is ignored",
+            file + ":13: line is 147 characters long: the library reads at most 127 at once and "
+                   "takes it as 2 separate lines",
+            file + ":13: 'pppppppppppppppppppp' has no value",
+            file + ":15: 'LogVerboseMask' has no value",
+    };
+    for (const std::string& finding : expected) {
+        EXPECT_NE(result.out.find(finding), std::string::npos) << "missing: " << finding << "\n"
+                                                               << result.out;
+    }
+    for (const char* clean : {":1:", ":2:", ":14:"}) {
+        EXPECT_EQ(result.out.find(file + clean), std::string::npos) << clean << "\n" << result.out;
+    }
+    EXPECT_NE(result.out.find(file + ": 14 problems found"), std::string::npos) << result.out;
+}
+
+TEST(VxcamctlCheck, CleanFilePassesAndMissingFileIsAnError) {
+    TempDir folder;
+    const std::string file =
+            folder.Write("ok.txt", "LogInfoMask=0x3f\n;LogEnable=0\nTeleZoomStart=2.5\nCameraPosition=0,1\n");
+    const ProcessResult clean = RunVxcamctl({"settings", "--check", file});
+    EXPECT_EQ(clean.exitCode, 0) << clean.out;
+    EXPECT_NE(clean.out.find("no problems found"), std::string::npos);
+
+    const ProcessResult missing = RunVxcamctl({"settings", "--check", folder / "absent.txt"});
+    EXPECT_EQ(missing.exitCode, 2);
+    EXPECT_NE(missing.err.find("cannot open"), std::string::npos) << missing.err;
+}
+
+TEST(VxcamctlUsage, HelpAndErrors) {
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"--help"}, {"settings", "--help"}}) {
+        const ProcessResult result = RunVxcamctl(arguments);
+        EXPECT_EQ(result.exitCode, 0);
+        EXPECT_NE(result.out.find("usage: vxcamctl"), std::string::npos) << result.out;
+    }
+    struct Case {
+        std::vector<std::string> arguments;
+        std::string message;
+    };
+    const Case cases[] = {
+            {{}, "usage: vxcamctl"},
+            {{"frobnicate"}, "unknown command 'frobnicate'"},
+            {{"settings", "--bogus"}, "unexpected argument '--bogus'"},
+            {{"settings", "--check"}, "--check needs a value"},
+            {{"settings", "--sysroot", "/no/such/sysroot"}, "is not a directory"},
+    };
+    for (const Case& c : cases) {
+        const ProcessResult result = RunVxcamctl(c.arguments);
+        EXPECT_EQ(result.exitCode, 2) << c.message;
+        EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
+    }
+}
+
+TEST(VxcamctlSettings, ShowsTheDefaultBesideAnOverriddenValue) {
+    TempDir sysroot;
+    sysroot.Write("vendor/build.prop", "vendor.camera.vcf.LogInfoMask=0x3f\n");
+    const ProcessResult result = RunVxcamctl({"settings", "--sysroot=" + sysroot.Path()});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_NE(result.out.find("(sysroot: " + sysroot.Path() + ")"), std::string::npos);
+    EXPECT_NE(result.out.find("LogInfoMask                    Integer    0x3f  (default 0x23)\n"),
+              std::string::npos)
+            << result.out;
+    EXPECT_NE(result.out.find("LogEnable                      Integer    1\n"), std::string::npos);
+}
+
+}  // namespace

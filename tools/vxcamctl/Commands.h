@@ -1,0 +1,16 @@
+// The commands of vxcamctl. Each takes the arguments after its own name (argv[0] is the command).
+#ifndef VXCAMCTL_COMMANDS_H
+#define VXCAMCTL_COMMANDS_H
+
+namespace vxcamctl {
+
+// Exit statuses shared by every command.
+constexpr int kExitOk = 0;
+constexpr int kExitFindings = 1;  // the command ran and found something wrong
+constexpr int kExitUsage = 2;     // bad arguments or an unreadable input
+
+int RunSettings(int argc, char** argv);
+
+}  // namespace vxcamctl
+
+#endif  // VXCAMCTL_COMMANDS_H
