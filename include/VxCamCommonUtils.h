@@ -47,7 +47,7 @@ static_assert(offsetof(VxCamDateTime, isDaylightSaving) == 48, "VxCamDateTime la
 static_assert(offsetof(VxCamDateTime, gmtOffset) == 56, "VxCamDateTime layout");
 
 class VXCAM_API OsUtils {
-public:
+  public:
     // ---- System properties ----
     static void GetPropertyList(void (*fn)(const char* key, const char* value, void* cookie),
                                 void* cookie);

@@ -48,7 +48,7 @@ extern VXCAM_API uint32_t g_logInfoUpdated;
 extern VXCAM_API uint32_t g_logInfoStored;  // the host's own; the library never touches it
 
 class VXCAM_API Log {
-public:
+  public:
     // Loads the masks and enables from the settings registry into g_logInfo and g_traceInfo.
     static int UpdateLogInfo();
     static const char* GetFileName(const char* path);
@@ -67,13 +67,20 @@ public:
 // The mask of `level`; levels above 5 have none. With a constant level this is a single load.
 inline uint32_t LogMaskOfLevel(const DebugLogInfo& info, unsigned int level) {
     switch (level) {
-        case 0: return info.debugMask;
-        case 1: return info.errorMask;
-        case 2: return info.warningMask;
-        case 3: return info.level3Mask;
-        case 4: return info.infoMask;
-        case 5: return info.verboseMask;
-        default: return 0;
+        case 0:
+            return info.debugMask;
+        case 1:
+            return info.errorMask;
+        case 2:
+            return info.warningMask;
+        case 3:
+            return info.level3Mask;
+        case 4:
+            return info.infoMask;
+        case 5:
+            return info.verboseMask;
+        default:
+            return 0;
     }
 }
 
@@ -101,13 +108,13 @@ inline bool LogGatePasses(unsigned int group, unsigned int level) {
     } while (0)
 
 // `group` is CORE or UTILS.
-#define VXCAM_LOGE(group, fmt, ...)                                                            \
+#define VXCAM_LOGE(group, fmt, ...)                                                         \
     VXCAM_LOG(VXCAM_GROUP_BIT_##group, VXCAM_GROUP_TAG_##group, "E", 1u, "[ERROR   ]", fmt, \
               ##__VA_ARGS__)
-#define VXCAM_LOGI(group, fmt, ...)                                                            \
+#define VXCAM_LOGI(group, fmt, ...)                                                         \
     VXCAM_LOG(VXCAM_GROUP_BIT_##group, VXCAM_GROUP_TAG_##group, "I", 4u, "[INFO    ]", fmt, \
               ##__VA_ARGS__)
-#define VXCAM_LOGV(group, fmt, ...)                                                            \
+#define VXCAM_LOGV(group, fmt, ...)                                                         \
     VXCAM_LOG(VXCAM_GROUP_BIT_##group, VXCAM_GROUP_TAG_##group, "V", 5u, "[VERBOSE ]", fmt, \
               ##__VA_ARGS__)
 

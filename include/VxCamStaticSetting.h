@@ -2,8 +2,8 @@
 //
 // Built once while the library loads: built-in defaults, then the feature overlay, the override
 // file "/vendor/etc/camera/vxcamoverridesettings.txt" and one system property per setting
-// ("vendor.camera.vcf.<name>"), later layers winning. Read-only afterwards, so lookups take no lock.
-// A lookup of an unknown name or of the wrong kind returns that kind's zero and logs nothing.
+// ("vendor.camera.vcf.<name>"), later layers winning. Read-only afterwards, so lookups take no
+// lock. A lookup of an unknown name or of the wrong kind returns that kind's zero and logs nothing.
 #ifndef VXCAM_STATIC_SETTING_H
 #define VXCAM_STATIC_SETTING_H
 
@@ -39,7 +39,7 @@ struct VXCAM_API SettingValue {
 };
 
 class VXCAM_API VxCamStaticSetting {
-public:
+  public:
     // The one registry; never null.
     static VxCamStaticSetting* GetInstance();
 
@@ -71,7 +71,7 @@ public:
     void LoadOverrideSettings();
     static void OverlaySetting();
 
-private:
+  private:
     __attribute__((visibility("hidden"))) VxCamStaticSetting();
     __attribute__((visibility("hidden"))) ~VxCamStaticSetting();
     VxCamStaticSetting(const VxCamStaticSetting&) = delete;

@@ -33,7 +33,7 @@ struct LogLine {
 
 // Swaps the Android logger for a recorder while in scope.
 class LogCapture {
-public:
+  public:
     LogCapture() {
         std::lock_guard<std::mutex> lock(Mutex());
         Current() = this;
@@ -61,7 +61,7 @@ public:
         m_lines.clear();
     }
 
-private:
+  private:
     static std::mutex& Mutex() {
         static std::mutex mutex;
         return mutex;
@@ -81,7 +81,7 @@ private:
 };
 
 class TempDir {
-public:
+  public:
     TempDir() {
         std::string pattern = (std::filesystem::temp_directory_path() / "vxcamtest.XXXXXX").string();
         m_path = mkdtemp(pattern.data());
@@ -104,7 +104,7 @@ public:
         return file.string();
     }
 
-private:
+  private:
     std::string m_path;
 };
 
@@ -185,7 +185,9 @@ inline ProcessResult RunProcess(const std::vector<std::string>& argv,
     return result;
 }
 
-inline std::string Vxcamctl() { return VXCAMCTL_PATH; }
+inline std::string Vxcamctl() {
+    return VXCAMCTL_PATH;
+}
 
 }  // namespace vxcamtest
 

@@ -37,10 +37,13 @@ TEST(OsUtilsNames, GetFileNameToken) {
         const char* token;
     };
     const Case cases[] = {
-            {"a.b.c", 1, 1, "a"},     {"a.b.c", 3, 1, "c"},     {"a.b.c", 4, 0, "unchanged"},
+            {"a.b.c", 1, 1, "a"},
+            {"a.b.c", 3, 1, "c"},
+            {"a.b.c", 4, 0, "unchanged"},
             {"a.b.c", 0, 0, "unchanged"},  // counts down from the largest unsigned value
-            {"..a...b..", 2, 1, "b"},  // runs of dots are one separator
-            {"...", 1, 0, "unchanged"}, {"", 1, 0, "unchanged"},
+            {"..a...b..", 2, 1, "b"},      // runs of dots are one separator
+            {"...", 1, 0, "unchanged"},
+            {"", 1, 0, "unchanged"},
             {"com.vx.cam.log.txt", 5, 1, "txt"},
     };
     for (const Case& c : cases) {
@@ -79,9 +82,9 @@ std::set<std::string> FilesFrom(const std::string& folder, const char* t1, const
 
 TEST(OsUtilsNames, GetFilesFromPathMatchesFiveOrSixTokensAfterCom) {
     TempDir folder;
-    for (const char* name : {"com.a.b.c.d", "com.a.b.c.d.e", "com.a.b.c", "x.a.b.c.d",
-                             "com.a.b.c.d.e.f", "com.q.b.c.d", "com.a.b.c.e", "Com.a.b.c.d",
-                             "com.a.b.c.d.d"}) {
+    for (const char* name :
+         {"com.a.b.c.d", "com.a.b.c.d.e", "com.a.b.c", "x.a.b.c.d", "com.a.b.c.d.e.f",
+          "com.q.b.c.d", "com.a.b.c.e", "Com.a.b.c.d", "com.a.b.c.d.d"}) {
         folder.Write(name, "");
     }
     const std::string d = folder.Path();
@@ -90,7 +93,8 @@ TEST(OsUtilsNames, GetFilesFromPathMatchesFiveOrSixTokensAfterCom) {
               (Set{d + "/com.a.b.c.d", d + "/com.a.b.c.d.e", d + "/com.q.b.c.d", d + "/com.a.b.c.e",
                    d + "/com.a.b.c.d.d"}));
     // With five tokens the fourth filter and the last filter both look at the fifth token.
-    EXPECT_EQ(FilesFrom(d, "a", "b", "c", "d", "d"), (Set{d + "/com.a.b.c.d", d + "/com.a.b.c.d.d"}));
+    EXPECT_EQ(FilesFrom(d, "a", "b", "c", "d", "d"),
+              (Set{d + "/com.a.b.c.d", d + "/com.a.b.c.d.d"}));
     EXPECT_EQ(FilesFrom(d, "a", "b", "c", "d", "e"), (Set{d + "/com.a.b.c.d.e"}));
     EXPECT_EQ(FilesFrom(d, "*", "b", "c", "*", "d"),
               (Set{d + "/com.a.b.c.d", d + "/com.q.b.c.d", d + "/com.a.b.c.d.d"}));

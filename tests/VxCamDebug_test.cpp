@@ -19,7 +19,7 @@ using vxcamtest::LogCapture;
 
 // Every test starts from the loaded defaults and leaves the globals as it found them.
 class DebugFrame : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         m_saved = VxCam::g_logInfo;
         m_savedUpdated = VxCam::g_logInfoUpdated;
@@ -32,7 +32,7 @@ protected:
         VxCam::g_traceInfo = m_savedTrace;
     }
 
-private:
+  private:
     VxCam::DebugLogInfo m_saved{};
     uint32_t m_savedUpdated = 0;
     uint64_t m_savedTrace = 0;
@@ -103,7 +103,7 @@ TEST_F(DebugFrame, MasksDecideByLevelAndGroup) {
             {0x23, 0xFFFFFFFF, 1, 4, true},   // core info with the default mask
             {0x23, 0xFFFFFFFF, 4, 4, false},  // utils info is not in 0x23
             {0x04, 0xFFFFFFFF, 4, 4, true},
-            {0x00, 0xFFFFFFFF, 1, 1, true},   // errors pass in every group
+            {0x00, 0xFFFFFFFF, 1, 1, true},  // errors pass in every group
             {0x00, 0xFFFFFFFF, 0x80, 1, true},
             {0x00, 0x00000000, 1, 1, false},  // only because a host cleared the error mask
             {0xFF, 0xFFFFFFFF, 1, 7, false},  // no mask above verbose
@@ -119,7 +119,9 @@ TEST_F(DebugFrame, MasksDecideByLevelAndGroup) {
 }
 
 int s_argumentEvaluations = 0;
-int CountedArgument() { return ++s_argumentEvaluations; }
+int CountedArgument() {
+    return ++s_argumentEvaluations;
+}
 
 TEST_F(DebugFrame, GateSkipsArgumentsUnlessTheMasksAreNotYetKnown) {
     LogCapture capture;

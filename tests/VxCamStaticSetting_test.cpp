@@ -66,8 +66,9 @@ struct Loaded {
 
 Loaded LoadOn(const TempDir& sysroot) {
     Loaded loaded;
-    loaded.process = vxcamtest::RunProcess({vxcamtest::Vxcamctl(), "settings", "--sysroot", sysroot.Path()},
-                                           {{"ANDROID_LOG_TAGS", "\x01"}});
+    loaded.process =
+            vxcamtest::RunProcess({vxcamtest::Vxcamctl(), "settings", "--sysroot", sysroot.Path()},
+                                  {{"ANDROID_LOG_TAGS", "\x01"}});
     const std::regex row(R"(^(\S+)\s+(\S+)\s+(.*?)(  \(default .*\))?$)");
     std::istringstream lines(loaded.process.out);
     std::string line;
@@ -96,27 +97,48 @@ TEST(SettingLoad, DefaultsOnAnEmptySysroot) {
     ASSERT_EQ(loaded.process.exitCode, 0) << loaded.process.err;
 
     const std::vector<std::pair<std::string, std::string>> expected = {
-            {"LogEnable", "1"},           {"LogOfflineEnable", "0"},
-            {"LogInfoMask", "0x23"},      {"LogDebugMask", "0x0"},
-            {"LogWranningMask", "0xffff"}, {"LogVerboseMask", "0x0"},
-            {"LogErrorMask", "0xffff"},   {"TraceLogMask", "0x0"},
-            {"MaxRequestQueueDepth", "3"}, {"MaxMemPoolTotalBufferNumber", "60"},
-            {"DumpNodeOutputMask", "0x0"}, {"DumpNodeInputMask", "0x0"},
-            {"NumberOfThread", "6"},      {"DumpInputInfo", "0"},
-            {"DumpJsonFileData", "0"},    {"OverridePruneNodeMask", "0x0"},
-            {"DisableNodeMask", "0x0"},   {"ByPassNodeMask", "0x0"},
-            {"EnableNodeMask", "0x0"},    {"EnableInitFailedAssert", "0"},
-            {"OverridePipeline", "\"\""}, {"LivePendingRequestTimeOut", "10000"},
-            {"ForceNodeSpecialDump", "0"}, {"DumpMemoryBufferInfo", "0"},
-            {"BufferReleaseWaterLevel", "1500"}, {"EnableReuqestLIFO", "1"},
-            {"EnableDrawFaceRect", "0x0"}, {"NumberOfPhyCameraId", "4"},
-            {"CameraPosition", "0,1,2,3,-1,4,4,4"}, {"UltraWideZoomStart", "0.600000"},
-            {"TeleZoomStart", "2.000000"}, {"SelectNightSceneType", "0"},
-            {"DelayedTriggerOfAbort", "0"}, {"MaxRequestQueueDepthForBokeh", "3"},
-            {"CutAtFrontOfPipelineMask", "0x0"}, {"EnableAlgoMark", "0"},
-            {"ColorGamut", "1"},          {"EnableDumpMetadata", "0"},
-            {"EnablePreInit", "1"},       {"DeInitNodeWaitTimeMs", "30000"},
-            {"ReleaseAllBufferWaitTimeMs", "15000"}, {"EnableCopyOnNodeFailedMask", "0x0"},
+            {"LogEnable", "1"},
+            {"LogOfflineEnable", "0"},
+            {"LogInfoMask", "0x23"},
+            {"LogDebugMask", "0x0"},
+            {"LogWranningMask", "0xffff"},
+            {"LogVerboseMask", "0x0"},
+            {"LogErrorMask", "0xffff"},
+            {"TraceLogMask", "0x0"},
+            {"MaxRequestQueueDepth", "3"},
+            {"MaxMemPoolTotalBufferNumber", "60"},
+            {"DumpNodeOutputMask", "0x0"},
+            {"DumpNodeInputMask", "0x0"},
+            {"NumberOfThread", "6"},
+            {"DumpInputInfo", "0"},
+            {"DumpJsonFileData", "0"},
+            {"OverridePruneNodeMask", "0x0"},
+            {"DisableNodeMask", "0x0"},
+            {"ByPassNodeMask", "0x0"},
+            {"EnableNodeMask", "0x0"},
+            {"EnableInitFailedAssert", "0"},
+            {"OverridePipeline", "\"\""},
+            {"LivePendingRequestTimeOut", "10000"},
+            {"ForceNodeSpecialDump", "0"},
+            {"DumpMemoryBufferInfo", "0"},
+            {"BufferReleaseWaterLevel", "1500"},
+            {"EnableReuqestLIFO", "1"},
+            {"EnableDrawFaceRect", "0x0"},
+            {"NumberOfPhyCameraId", "4"},
+            {"CameraPosition", "0,1,2,3,-1,4,4,4"},
+            {"UltraWideZoomStart", "0.600000"},
+            {"TeleZoomStart", "2.000000"},
+            {"SelectNightSceneType", "0"},
+            {"DelayedTriggerOfAbort", "0"},
+            {"MaxRequestQueueDepthForBokeh", "3"},
+            {"CutAtFrontOfPipelineMask", "0x0"},
+            {"EnableAlgoMark", "0"},
+            {"ColorGamut", "1"},
+            {"EnableDumpMetadata", "0"},
+            {"EnablePreInit", "1"},
+            {"DeInitNodeWaitTimeMs", "30000"},
+            {"ReleaseAllBufferWaitTimeMs", "15000"},
+            {"EnableCopyOnNodeFailedMask", "0x0"},
             {"ReservedMemory", "0"},
     };
     ASSERT_EQ(expected.size(), 43u);
@@ -127,7 +149,8 @@ TEST(SettingLoad, DefaultsOnAnEmptySysroot) {
     const std::string& log = loaded.process.err;
     std::vector<std::string> logged;
     const std::regex global(R"( I VxCam   : VxCamStaticSetting:\d+ \[Global Settings\] (\S+) = )");
-    for (auto it = std::sregex_iterator(log.begin(), log.end(), global); it != std::sregex_iterator(); ++it) {
+    for (auto it = std::sregex_iterator(log.begin(), log.end(), global);
+         it != std::sregex_iterator(); ++it) {
         logged.push_back((*it)[1]);
     }
     ASSERT_EQ(logged.size(), 43u);
@@ -137,9 +160,12 @@ TEST(SettingLoad, DefaultsOnAnEmptySysroot) {
     EXPECT_TRUE(HasLine(log, R"(\[Global Settings\] UltraWideZoomStart = 0\.600000$)"));
     EXPECT_TRUE(HasLine(log, R"(\[Global Settings\] LivePendingRequestTimeOut = 10000$)"));
     EXPECT_TRUE(HasLine(log, R"(\[Global Settings\] OverridePipeline = $)"));
-    EXPECT_TRUE(HasLine(log, " E VxCam   : LoadOverrideSettings\\(\\):\\d+ No override settings text file " +
-                                     OverrideFile(sysroot) + " found$"));
-    EXPECT_TRUE(HasLine(log, R"( I VxCam   : VxCamDebug:\d+ UpdateLogInfo\(\) system log enable 1, offline log enable 0 debug log mask 0x0, wraning log mask 0xffff, info log mask 0x23, verb log mask 0x0$)"));
+    EXPECT_TRUE(HasLine(
+            log, " E VxCam   : LoadOverrideSettings\\(\\):\\d+ No override settings text file " +
+                         OverrideFile(sysroot) + " found$"));
+    EXPECT_TRUE(HasLine(
+            log,
+            R"( I VxCam   : VxCamDebug:\d+ UpdateLogInfo\(\) system log enable 1, offline log enable 0 debug log mask 0x0, wraning log mask 0xffff, info log mask 0x23, verb log mask 0x0$)"));
 }
 
 TEST(SettingLoad, OverrideFileLinesAsTheLoaderReadsThem) {
@@ -166,46 +192,53 @@ TEST(SettingLoad, OverrideFileLinesAsTheLoaderReadsThem) {
                   "LivePendingRequestTimeOut=99999999999\n"
                   "OverridePipeline=Bokeh Pipeline\n"
                   "UltraWideZoomStart=0.5x\n"
-                  "\r\n" +
-                          longSkipped + "\n" + longApplied + "\n" +
+                  "\r\n" + longSkipped +
+                          "\n" + longApplied + "\n" +
                           "TraceLogMask=0x4");  // no line end at the end of the file
     const Loaded loaded = LoadOn(sysroot);
     ASSERT_EQ(loaded.process.exitCode, 0) << loaded.process.err;
 
     const std::vector<std::pair<std::string, std::string>> expected = {
-            {"LogOfflineEnable", "1"},          // white space anywhere is removed
-            {"EnablePreInit", "0"},             // a switch is on only for exactly 1
-            {"ColorGamut", "1"},                // ';' comments the line out
-            {"LogInfoMask", "0xff"},            // radix 16 without a prefix
-            {"LogVerboseMask", "0x3f"},         // and with one
-            {"NumberOfThread", "5"},            // runs of '=' are one separator
-            {"MaxRequestQueueDepth", "7"},      // a leading '=' is skipped
-            {"BufferReleaseWaterLevel", "9"},   // text after a second '=' is ignored
+            {"LogOfflineEnable", "1"},         // white space anywhere is removed
+            {"EnablePreInit", "0"},            // a switch is on only for exactly 1
+            {"ColorGamut", "1"},               // ';' comments the line out
+            {"LogInfoMask", "0xff"},           // radix 16 without a prefix
+            {"LogVerboseMask", "0x3f"},        // and with one
+            {"NumberOfThread", "5"},           // runs of '=' are one separator
+            {"MaxRequestQueueDepth", "7"},     // a leading '=' is skipped
+            {"BufferReleaseWaterLevel", "9"},  // text after a second '=' is ignored
             {"CameraPosition", "5,4,3,0,0,0,0,0"},
             {"DeInitNodeWaitTimeMs", "30000"},  // no value: skipped
             {"ReleaseAllBufferWaitTimeMs", "15000"},
-            {"LogEnable", "1"},                 // keys are case-sensitive
+            {"LogEnable", "1"},  // keys are case-sensitive
             {"DumpNodeInputMask", "0x123456789abc"},
             {"DumpInputInfo", "1"},
-            {"NumberOfPhyCameraId", "0"},       // not a number: 0
+            {"NumberOfPhyCameraId", "0"},                 // not a number: 0
             {"LivePendingRequestTimeOut", "1215752191"},  // the low 32 bits
             {"OverridePipeline", "\"BokehPipeline\""},
-            {"UltraWideZoomStart", "0.500000"},  // the leading number
+            {"UltraWideZoomStart", "0.500000"},     // the leading number
             {"MaxRequestQueueDepthForBokeh", "3"},  // cut into two pieces, neither has key and value
-            {"EnableAlgoMark", "1"},            // the second 127-character piece is a line
+            {"EnableAlgoMark", "1"},                // the second 127-character piece is a line
             {"TraceLogMask", "0x4"},
     };
     for (const auto& [name, value] : expected) EXPECT_EQ(loaded.values.at(name), value) << name;
-    EXPECT_TRUE(HasLine(loaded.process.err, " I VxCam   : LoadOverrideSettings\\(\\):\\d+ Opening override settings text file: " +
-                                                    OverrideFile(sysroot) + "$"));
-    EXPECT_TRUE(HasLine(loaded.process.err, R"(\[Global Settings\] OverridePipeline = BokehPipeline$)"));
-    EXPECT_TRUE(HasLine(loaded.process.err, R"(\[Global Settings\] DumpNodeInputMask = 0x123456789abc$)"));
-    EXPECT_TRUE(HasLine(loaded.process.err, R"(UpdateLogInfo\(\) system log enable 1, offline log enable 1 debug log mask 0x0, wraning log mask 0xffff, info log mask 0xff, verb log mask 0x3f$)"));
+    EXPECT_TRUE(HasLine(
+            loaded.process.err,
+            " I VxCam   : LoadOverrideSettings\\(\\):\\d+ Opening override settings text file: " +
+                    OverrideFile(sysroot) + "$"));
+    EXPECT_TRUE(HasLine(loaded.process.err,
+                        R"(\[Global Settings\] OverridePipeline = BokehPipeline$)"));
+    EXPECT_TRUE(HasLine(loaded.process.err,
+                        R"(\[Global Settings\] DumpNodeInputMask = 0x123456789abc$)"));
+    EXPECT_TRUE(HasLine(
+            loaded.process.err,
+            R"(UpdateLogInfo\(\) system log enable 1, offline log enable 1 debug log mask 0x0, wraning log mask 0xffff, info log mask 0xff, verb log mask 0x3f$)"));
 }
 
 TEST(SettingLoad, PropertiesWinOverTheFileAndCompareAgainstTheDefaultText) {
     TempDir sysroot;
-    sysroot.Write("vendor/etc/camera/vxcamoverridesettings.txt", "NumberOfThread=5\nLogDebugMask=1\n");
+    sysroot.Write("vendor/etc/camera/vxcamoverridesettings.txt",
+                  "NumberOfThread=5\nLogDebugMask=1\n");
     sysroot.Write("vendor/build.prop",
                   "# the default text of 0x23 is \"35\": unchanged, not read as 0x35\n"
                   "vendor.camera.vcf.LogInfoMask=35\n"
@@ -222,15 +255,22 @@ TEST(SettingLoad, PropertiesWinOverTheFileAndCompareAgainstTheDefaultText) {
     const Loaded loaded = LoadOn(sysroot);
     ASSERT_EQ(loaded.process.exitCode, 0) << loaded.process.err;
     const std::vector<std::pair<std::string, std::string>> expected = {
-            {"LogInfoMask", "0x23"},    {"LogVerboseMask", "0x36"},
-            {"NumberOfThread", "8"},    {"LogDebugMask", "0x1"},
-            {"BufferReleaseWaterLevel", "0"}, {"EnableReuqestLIFO", "0"},
-            {"EnableDrawFaceRect", "0xff"}, {"OverridePipeline", "\"Realtime\""},
-            {"TeleZoomStart", "2.250000"}, {"UltraWideZoomStart", "0.600000"},
+            {"LogInfoMask", "0x23"},
+            {"LogVerboseMask", "0x36"},
+            {"NumberOfThread", "8"},
+            {"LogDebugMask", "0x1"},
+            {"BufferReleaseWaterLevel", "0"},
+            {"EnableReuqestLIFO", "0"},
+            {"EnableDrawFaceRect", "0xff"},
+            {"OverridePipeline", "\"Realtime\""},
+            {"TeleZoomStart", "2.250000"},
+            {"UltraWideZoomStart", "0.600000"},
             {"CameraPosition", "1,0,0,0,0,0,0,0"},
     };
     for (const auto& [name, value] : expected) EXPECT_EQ(loaded.values.at(name), value) << name;
-    EXPECT_TRUE(HasLine(loaded.process.err, R"( E VxCam   : LoadOverrideSettings\(\):\d+ CameraPosition value "x" is not a number)"));
+    EXPECT_TRUE(HasLine(
+            loaded.process.err,
+            R"( E VxCam   : LoadOverrideSettings\(\):\d+ CameraPosition value "x" is not a number)"));
     EXPECT_TRUE(HasLine(loaded.process.err, R"(\[Global Settings\] CameraPosition = 1,x,3$)"));
 }
 
@@ -241,7 +281,8 @@ TEST(SettingLoad, CameraPositionKeepsAtMostEightValues) {
     const Loaded loaded = LoadOn(sysroot);
     ASSERT_EQ(loaded.process.exitCode, 0) << loaded.process.err;
     EXPECT_EQ(loaded.values.at("CameraPosition"), "9,8,7,6,5,4,3,2");
-    EXPECT_TRUE(HasLine(loaded.process.err, R"( W VxCam   : .*CameraPosition lists more than 8 values)"));
+    EXPECT_TRUE(HasLine(loaded.process.err,
+                        R"( W VxCam   : .*CameraPosition lists more than 8 values)"));
 }
 
 TEST(SettingLoad, FeatureOverlayComesFirst) {

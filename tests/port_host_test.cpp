@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -605,11 +606,26 @@ TEST(PortHostSyncTest, WaitOnPollableDescriptors) {
 
 // ---- CallStack ----------------------------------------------------------------------------------
 
-__attribute__((noinline)) void VxPortCallStackProbe(android::CallStack* stack, int32_t ignoreDepth) {
+void* gProbeReturnAddress = nullptr;
+
+__attribute__((noinline)) void VxPortCallStackInner(android::CallStack* stack, int32_t ignoreDepth) {
+    gProbeReturnAddress = __builtin_return_address(0);
     stack->update(ignoreDepth);
     // Keeps the call above from becoming a tail call, which would drop this frame.
     asm volatile("" ::: "memory");
 }
+
+// Frame #00 when ignoreDepth is 1; the return address into it is known, so its pc can be checked.
+__attribute__((noinline)) void VxPortCallStackProbe(android::CallStack* stack, int32_t ignoreDepth) {
+    VxPortCallStackInner(stack, ignoreDepth + 1);
+    asm volatile("" ::: "memory");
+}
+
+#if defined(__aarch64__)
+constexpr uint64_t kCallAdjustment = 4;
+#else
+constexpr uint64_t kCallAdjustment = 1;
+#endif
 
 std::string SelfPath() {
     char path[4096];
@@ -636,17 +652,16 @@ TEST(PortHostCallStackTest, FramesUseTheDeviceLayout) {
     EXPECT_EQ(top[5].str(),
               "(anonymous namespace)::VxPortCallStackProbe(android::CallStack*, int)");
 
-    // The pc is file-relative and steps back into the call, and the offset is measured from the
-    // function's start: function start + offset must give the pc again.
+    // The pc is file-relative and steps back from the return address into the call, and the
+    // offset is measured from the function's start to that pc.
     Dl_info info = {};
     void* probe = reinterpret_cast<void*>(&VxPortCallStackProbe);
     ASSERT_NE(dladdr(probe, &info), 0);
-    uint64_t functionStart =
-            reinterpret_cast<uintptr_t>(probe) - reinterpret_cast<uintptr_t>(info.dli_fbase);
+    const uintptr_t base = reinterpret_cast<uintptr_t>(info.dli_fbase);
     uint64_t pc = std::stoull(top[2].str(), nullptr, 16);
     uint64_t offset = std::stoull(top[6].str());
-    EXPECT_GT(offset, 0u);
-    EXPECT_EQ(pc, functionStart + offset);
+    EXPECT_EQ(pc, reinterpret_cast<uintptr_t>(gProbeReturnAddress) - base - kCallAdjustment);
+    EXPECT_EQ(pc, reinterpret_cast<uintptr_t>(probe) - base + offset);
     EXPECT_NE(lines[1].find("PortHostCallStackTest_FramesUseTheDeviceLayout_Test::TestBody()"),
               std::string::npos)
             << lines[1];
@@ -654,13 +669,13 @@ TEST(PortHostCallStackTest, FramesUseTheDeviceLayout) {
 
 TEST(PortHostCallStackTest, DepthThreadAndRendering) {
     android::CallStack stack;
-    VxPortCallStackProbe(&stack, 0);
-    ASSERT_GE(stack.size(), 3u);
+    VxPortCallStackProbe(&stack, -1);
+    ASSERT_GE(stack.size(), 4u);
     EXPECT_THAT(std::string(stack.toString().c_str()), testing::StartsWith("#00 pc "));
     EXPECT_THAT(SplitLines(stack.toString().c_str())[0],
                 testing::HasSubstr("(android::CallStack::update(int, int)+"));
     EXPECT_THAT(SplitLines(stack.toString().c_str())[1],
-                testing::HasSubstr("VxPortCallStackProbe"));
+                testing::HasSubstr("VxPortCallStackInner"));
 
     VxPortCallStackProbe(&stack, 2);
     ASSERT_GE(stack.size(), 1u);
@@ -706,6 +721,37 @@ TEST(PortHostCallStackTest, LoggingConstructorStartsAtItsCaller) {
     EXPECT_EQ(gCaptured[0].tag, "VxCtor");
     EXPECT_THAT(gCaptured[0].message, testing::StartsWith("#00 pc "));
     EXPECT_THAT(gCaptured[0].message, testing::HasSubstr("TestBody()"));
+}
+
+android::CallStack* gSignalStack = nullptr;
+
+void CaptureInHandler(int) {
+    gSignalStack->update(1);
+}
+
+__attribute__((noinline)) void VxPortRaiseProbe() {
+    raise(SIGUSR2);
+    asm volatile("" ::: "memory");
+}
+
+TEST(PortHostCallStackTest, UnwindsFromASignalHandlerThroughTheTrampoline) {
+    android::CallStack stack;
+    gSignalStack = &stack;
+    struct sigaction action = {}, old = {};
+    action.sa_handler = CaptureInHandler;
+    ASSERT_EQ(sigaction(SIGUSR2, &action, &old), 0);
+    VxPortRaiseProbe();
+    sigaction(SIGUSR2, &old, nullptr);
+    gSignalStack = nullptr;
+
+    std::vector<std::string> lines = SplitLines(stack.toString().c_str());
+    ASSERT_GE(lines.size(), 4u);
+    EXPECT_THAT(lines[0], testing::HasSubstr("CaptureInHandler(int)+"));
+    auto raiser = std::find_if(lines.begin(), lines.end(), [](const std::string& line) {
+        return line.find("VxPortRaiseProbe()+") != std::string::npos;
+    });
+    ASSERT_NE(raiser, lines.end()) << stack.toString().c_str();
+    EXPECT_NE(std::next(raiser), lines.end());
 }
 
 // ---- Paths, strings -----------------------------------------------------------------------------

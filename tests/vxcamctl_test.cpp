@@ -22,21 +22,22 @@ TEST(VxcamctlCheck, ReportsWhatTheLoaderWouldSkipOrMisread) {
     TempDir folder;
     const std::string longLine = "OverridePipeline=" + std::string(130, 'p');
     const std::string file = folder.Write("override.txt",
-                                          "; a comment\n"                    // 1: fine
-                                          "\n"                               // 2: fine
-                                          "LogInfoMsk=0x3\n"                 // 3
-                                          "LogEnable\n"                      // 4
-                                          "DumpInputInfo=2\n"                // 5: not base 2
-                                          "EnablePreInit=11\n"               // 6: reads as 3
-                                          "NumberOfThread=4x\n"              // 7
-                                          "LogDebugMask=0x1ffffffff\n"       // 8: beyond 32 bits
+                                          "; a comment\n"                       // 1: fine
+                                          "\n"                                  // 2: fine
+                                          "LogInfoMsk=0x3\n"                    // 3
+                                          "LogEnable\n"                         // 4
+                                          "DumpInputInfo=2\n"                   // 5: not base 2
+                                          "EnablePreInit=11\n"                  // 6: reads as 3
+                                          "NumberOfThread=4x\n"                 // 7
+                                          "LogDebugMask=0x1ffffffff\n"          // 8: beyond 32 bits
                                           "CameraPosition=1,2,3,4,5,6,7,8,9\n"  // 9
-                                          "CameraPosition=1,two,3\n"         // 10: and set again
-                                          "TeleZoomStart=fast\n"             // 11
-                                          "BufferReleaseWaterLevel=9=6\n" +  // 12
-                                                  longLine + "\n"            // 13
-                                          "Log Info Mask = 0x3f\n"           // 14: fine
-                                          "LogVerboseMask=\n");              // 15
+                                          "CameraPosition=1,two,3\n"            // 10: and set again
+                                          "TeleZoomStart=fast\n"                // 11
+                                          "BufferReleaseWaterLevel=9=6\n" +     // 12
+                                                  longLine +
+                                                  "\n"                      // 13
+                                                  "Log Info Mask = 0x3f\n"  // 14: fine
+                                                  "LogVerboseMask=\n");     // 15
     const ProcessResult result = RunVxcamctl({"settings", "--check", file});
     EXPECT_EQ(result.exitCode, 1) << result.out << result.err;
     const std::vector<std::string> expected = {
@@ -71,8 +72,8 @@ TEST(VxcamctlCheck, ReportsWhatTheLoaderWouldSkipOrMisread) {
 
 TEST(VxcamctlCheck, CleanFilePassesAndMissingFileIsAnError) {
     TempDir folder;
-    const std::string file =
-            folder.Write("ok.txt", "LogInfoMask=0x3f\n;LogEnable=0\nTeleZoomStart=2.5\nCameraPosition=0,1\n");
+    const std::string file = folder.Write(
+            "ok.txt", "LogInfoMask=0x3f\n;LogEnable=0\nTeleZoomStart=2.5\nCameraPosition=0,1\n");
     const ProcessResult clean = RunVxcamctl({"settings", "--check", file});
     EXPECT_EQ(clean.exitCode, 0) << clean.out;
     EXPECT_NE(clean.out.find("no problems found"), std::string::npos);

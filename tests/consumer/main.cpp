@@ -10,7 +10,8 @@
 int main() {
     const VxCam::VxCamStaticSetting* settings = VxCam::VxCamStaticSetting::GetInstance();
     const unsigned depth = settings->GetPorpertyIntegerValue("MaxRequestQueueDepth");
-    const auto* positions = static_cast<const int32_t*>(settings->GetPorpertyCustomValue("CameraPosition"));
+    const auto* positions =
+            static_cast<const int32_t*>(settings->GetPorpertyCustomValue("CameraPosition"));
     printf("depth=%u infoMask=0x%x tele=%.1f position4=%d\n", depth,
            settings->GetPorpertyIntegerValue("LogInfoMask"),
            static_cast<double>(settings->GetPorpertyFloatValue("TeleZoomStart")),

@@ -29,7 +29,8 @@ void PrintUsage(FILE* out) {
             "$VXCAM_SYSROOT; system properties come from <sysroot>/vendor/build.prop.\n"
             "\n"
             "commands:\n");
-    for (const Command& command : kCommands) fprintf(out, "  %-10s %s\n", command.name, command.summary);
+    for (const Command& command : kCommands)
+        fprintf(out, "  %-10s %s\n", command.name, command.summary);
     fprintf(out, "\n'vxcamctl COMMAND --help' describes a command.\n");
 }
 
@@ -71,8 +72,8 @@ void ExportSysrootOption(int argc, char** argv, char** envp) {
     // Should exec fail, go on: the library then reads the paths as they stand.
 }
 
-__attribute__((section(".preinit_array"), used)) void (*s_exportSysroot)(int, char**, char**) =
-        ExportSysrootOption;
+__attribute__((section(".preinit_array"),
+               used)) void (*s_exportSysroot)(int, char**, char**) = ExportSysrootOption;
 
 }  // namespace
 

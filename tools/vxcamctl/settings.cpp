@@ -1,9 +1,9 @@
 // vxcamctl settings: the effective settings, and a lint for override files.
 #include <ctype.h>
 #include <errno.h>
+#include <limits.h>
 #include <stdarg.h>
 #include <stdint.h>
-#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -28,11 +28,16 @@ using VxCam::SettingDefault;
 
 const char* KindName(VxCam::SettingValueType type) {
     switch (type) {
-        case VxCam::Integer: return "Integer";
-        case VxCam::Float: return "Float";
-        case VxCam::String: return "String";
-        case VxCam::Integer64: return "Integer64";
-        case VxCam::Custom: return "Custom";
+        case VxCam::Integer:
+            return "Integer";
+        case VxCam::Float:
+            return "Float";
+        case VxCam::String:
+            return "String";
+        case VxCam::Integer64:
+            return "Integer64";
+        case VxCam::Custom:
+            return "Custom";
     }
     return "?";
 }
@@ -55,10 +60,14 @@ std::string IntegerText(const SettingDefault& row, unsigned long long value) {
 std::string DefaultText(const SettingDefault& row) {
     switch (row.type) {
         case VxCam::Integer:
-        case VxCam::Integer64: return IntegerText(row, row.integerValue);
-        case VxCam::Float: return Format("%f", static_cast<double>(row.floatValue));
-        case VxCam::String: return Format("\"%s\"", row.text);
-        case VxCam::Custom: return row.text;
+        case VxCam::Integer64:
+            return IntegerText(row, row.integerValue);
+        case VxCam::Float:
+            return Format("%f", static_cast<double>(row.floatValue));
+        case VxCam::String:
+            return Format("\"%s\"", row.text);
+        case VxCam::Custom:
+            return row.text;
     }
     return "";
 }
@@ -66,14 +75,17 @@ std::string DefaultText(const SettingDefault& row) {
 std::string EffectiveText(const SettingDefault& row) {
     const VxCam::VxCamStaticSetting* settings = VxCam::VxCamStaticSetting::GetInstance();
     switch (row.type) {
-        case VxCam::Integer: return IntegerText(row, settings->GetPorpertyIntegerValue(row.name));
-        case VxCam::Integer64: return IntegerText(row, settings->GetPorpertyInteger64Value(row.name));
+        case VxCam::Integer:
+            return IntegerText(row, settings->GetPorpertyIntegerValue(row.name));
+        case VxCam::Integer64:
+            return IntegerText(row, settings->GetPorpertyInteger64Value(row.name));
         case VxCam::Float:
             return Format("%f", static_cast<double>(settings->GetPorpertyFloatValue(row.name)));
         case VxCam::String:
             return "\"" + settings->GetPorpertyStringValue(row.name) + "\"";
         case VxCam::Custom: {
-            const auto* slots = static_cast<const int32_t*>(settings->GetPorpertyCustomValue(row.name));
+            const auto* slots =
+                    static_cast<const int32_t*>(settings->GetPorpertyCustomValue(row.name));
             if (slots == nullptr) return "(not registered)";
             std::string text;
             for (size_t i = 0; i < VxCam::kCameraPositionCount; ++i) {
@@ -113,7 +125,8 @@ size_t EditDistance(const std::string& a, const std::string& b) {
         for (size_t j = 1; j <= b.size(); ++j) {
             const bool same = tolower(static_cast<unsigned char>(a[i - 1])) ==
                               tolower(static_cast<unsigned char>(b[j - 1]));
-            current[j] = std::min({previous[j] + 1, current[j - 1] + 1, previous[j - 1] + (same ? 0 : 1)});
+            current[j] = std::min(
+                    {previous[j] + 1, current[j - 1] + 1, previous[j - 1] + (same ? 0 : 1)});
         }
         std::swap(previous, current);
     }
@@ -134,7 +147,7 @@ const char* NearestName(const std::string& key) {
 }
 
 class Linter {
-public:
+  public:
     explicit Linter(const char* path) : m_path(path) {}
 
     // One piece as the loader's fgets hands it over.
@@ -180,7 +193,7 @@ public:
 
     unsigned Findings() const { return m_findings; }
 
-private:
+  private:
     void Report(const char* format, ...) __attribute__((format(printf, 2, 3))) {
         char text[1024];
         va_list arguments;
@@ -203,21 +216,30 @@ private:
             if (!isspace(static_cast<unsigned char>(c))) compact += c;
         }
         size_t at = compact.find_first_not_of('=');
-        at = compact.find('=', at);                    // end of the key
-        at = compact.find_first_not_of('=', at);       // start of the value
+        at = compact.find('=', at);               // end of the key
+        at = compact.find_first_not_of('=', at);  // start of the value
         if (at == std::string::npos) return "";
-        at += strlen(value);                           // end of the value
+        at += strlen(value);  // end of the value
         at = compact.find_first_not_of('=', at);
         return at == std::string::npos ? "" : compact.substr(at);
     }
 
     void CheckValue(const SettingDefault& row, const char* value) {
         switch (row.type) {
-            case VxCam::Integer: CheckInteger(row, value); break;
-            case VxCam::Integer64: CheckInteger64(row, value); break;
-            case VxCam::Float: CheckFloat(row, value); break;
-            case VxCam::Custom: CheckCameraPositions(value); break;
-            case VxCam::String: break;
+            case VxCam::Integer:
+                CheckInteger(row, value);
+                break;
+            case VxCam::Integer64:
+                CheckInteger64(row, value);
+                break;
+            case VxCam::Float:
+                CheckFloat(row, value);
+                break;
+            case VxCam::Custom:
+                CheckCameraPositions(value);
+                break;
+            case VxCam::String:
+                break;
         }
     }
 

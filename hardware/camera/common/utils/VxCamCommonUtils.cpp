@@ -24,7 +24,9 @@ constexpr size_t kNameWorkSize = 4096;  // PATH_MAX: longer names are cut, not r
 constexpr int kLevelPriority[] = {ANDROID_LOG_DEBUG, ANDROID_LOG_ERROR, ANDROID_LOG_WARN,
                                   ANDROID_LOG_ERROR, ANDROID_LOG_INFO,  ANDROID_LOG_VERBOSE};
 
-int Status(int result) { return result == 0 ? 0 : 1; }
+int Status(int result) {
+    return result == 0 ? 0 : 1;
+}
 
 void FillCalendar(VxCamDateTime* dateTime, const tm& local) {
     dateTime->second = local.tm_sec;
@@ -88,17 +90,25 @@ FILE* OsUtils::FOpen(const char* path, const char* mode) {
     return fopen(path, mode);
 }
 
-int OsUtils::FileNo(FILE* stream) { return stream != nullptr ? fileno(stream) : -1; }
+int OsUtils::FileNo(FILE* stream) {
+    return stream != nullptr ? fileno(stream) : -1;
+}
 
-int OsUtils::FClose(FILE* stream) { return stream != nullptr ? Status(fclose(stream)) : 1; }
+int OsUtils::FClose(FILE* stream) {
+    return stream != nullptr ? Status(fclose(stream)) : 1;
+}
 
-int OsUtils::FDelete(const char* path) { return path != nullptr ? Status(unlink(path)) : 1; }
+int OsUtils::FDelete(const char* path) {
+    return path != nullptr ? Status(unlink(path)) : 1;
+}
 
 int OsUtils::FSeek(FILE* stream, long offset, int whence) {
     return stream != nullptr ? Status(fseeko(stream, offset, whence)) : 1;
 }
 
-long OsUtils::FTell(FILE* stream) { return stream != nullptr ? ftello(stream) : -1; }
+long OsUtils::FTell(FILE* stream) {
+    return stream != nullptr ? ftello(stream) : -1;
+}
 
 int OsUtils::FPrintF(FILE* stream, const char* format, ...) {
     if (stream == nullptr || format == nullptr) return -1;
@@ -129,7 +139,9 @@ size_t OsUtils::FWrite(const void* buffer, size_t elementSize, size_t count, FIL
     return fwrite(buffer, elementSize, count, stream);
 }
 
-int OsUtils::FFlush(FILE* stream) { return stream != nullptr ? Status(fflush(stream)) : 1; }
+int OsUtils::FFlush(FILE* stream) {
+    return stream != nullptr ? Status(fflush(stream)) : 1;
+}
 
 const char* OsUtils::GetFileName(const char* path) {
     if (path == nullptr) return nullptr;
@@ -162,10 +174,9 @@ int OsUtils::GetFileNameToken(char* fileName, unsigned int index, char* token,
     return 0;
 }
 
-unsigned int OsUtils::GetFilesFromPath(const char* directory, unsigned long entrySize,
-                                       char* entries, const char* token1, const char* token2,
-                                       const char* token3, const char* token4,
-                                       const char* lastToken) {
+unsigned int OsUtils::GetFilesFromPath(const char* directory, unsigned long entrySize, char* entries,
+                                       const char* token1, const char* token2, const char* token3,
+                                       const char* token4, const char* lastToken) {
     if (directory == nullptr || entries == nullptr || entrySize == 0 || token1 == nullptr ||
         token2 == nullptr || token3 == nullptr || token4 == nullptr || lastToken == nullptr) {
         return 0;
@@ -211,7 +222,9 @@ int OsUtils::Close(int fd) {
 
 // ---- Strings -------------------------------------------------------------------------------
 
-size_t OsUtils::StrLCpy(char* dst, const char* src, size_t size) { return strlcpy(dst, src, size); }
+size_t OsUtils::StrLCpy(char* dst, const char* src, size_t size) {
+    return strlcpy(dst, src, size);
+}
 
 char* OsUtils::StrTokReentrant(char* text, const char* delimiters, char** savePointer) {
     return strtok_r(text, delimiters, savePointer);
@@ -221,7 +234,9 @@ int OsUtils::StrNICmp(const char* a, const char* b, size_t length) {
     return strncasecmp(a, b, length);
 }
 
-size_t OsUtils::StrLCat(char* dst, const char* src, size_t size) { return strlcat(dst, src, size); }
+size_t OsUtils::StrLCat(char* dst, const char* src, size_t size) {
+    return strlcat(dst, src, size);
+}
 
 char* OsUtils::StrError(char* buffer, size_t size, int errorNumber) {
     return strerror_r(errorNumber, buffer, size);
@@ -245,11 +260,17 @@ int OsUtils::DPrintF(int fd, const char* format, ...) {
 
 // ---- Process, threads, time ----------------------------------------------------------------
 
-int OsUtils::GetThreadID() { return static_cast<int>(gettid()); }
+int OsUtils::GetThreadID() {
+    return static_cast<int>(gettid());
+}
 
-int OsUtils::GetProcessID() { return static_cast<int>(getpid()); }
+int OsUtils::GetProcessID() {
+    return static_cast<int>(getpid());
+}
 
-int OsUtils::GetPid() { return static_cast<int>(getpid()); }
+int OsUtils::GetPid() {
+    return static_cast<int>(getpid());
+}
 
 int OsUtils::GetTime(VxCamTime* time) {
     if (time == nullptr) return -1;

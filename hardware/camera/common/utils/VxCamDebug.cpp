@@ -26,7 +26,9 @@ constexpr size_t kLineSize = 1024;  // one log line, terminator included
 // The debug frame reaches the offline logger only through these three functions. This build has
 // no offline logger yet: there is no default logger to take lines or masks.
 
-bool DefaultOfflineLoggerTakesLines() { return false; }
+bool DefaultOfflineLoggerTakesLines() {
+    return false;
+}
 
 void AddToDefaultOfflineLogger(const char* /*line*/, unsigned int /*size*/) {}
 
@@ -40,12 +42,10 @@ void HandOffToOfflineLogger(const char* levelLetter, const char* message) {
     tm local = {};
     localtime_r(&now.tv_sec, &local);
     char line[kLineSize];
-    const int size = OsUtils::SNPrintF(line, sizeof(line),
-                                       "%02d-%02d %02d:%02d:%02d:%09ld  %4d  %4d %s VxCam: %s\n",
-                                       local.tm_mon + 1, local.tm_mday, local.tm_hour,
-                                       local.tm_min, local.tm_sec, now.tv_nsec,
-                                       OsUtils::GetProcessID(), OsUtils::GetThreadID(),
-                                       levelLetter, message);
+    const int size = OsUtils::SNPrintF(
+            line, sizeof(line), "%02d-%02d %02d:%02d:%02d:%09ld  %4d  %4d %s VxCam: %s\n",
+            local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, now.tv_nsec,
+            OsUtils::GetProcessID(), OsUtils::GetThreadID(), levelLetter, message);
     // The logger is told the length the line would have had, as hosts expect of this call.
     AddToDefaultOfflineLogger(line, static_cast<unsigned int>(size));
 }
@@ -80,7 +80,9 @@ int Log::UpdateLogInfo() {
     return 0;
 }
 
-const char* Log::GetFileName(const char* path) { return OsUtils::GetFileName(path); }
+const char* Log::GetFileName(const char* path) {
+    return OsUtils::GetFileName(path);
+}
 
 void Log::LogSystem(unsigned int group, const char* levelLetter, unsigned int level,
                     const char* format, ...) {

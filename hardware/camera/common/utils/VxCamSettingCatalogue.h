@@ -78,7 +78,8 @@ inline constexpr SettingDefault kSettingCatalogue[] = {
 inline constexpr size_t kSettingCount = sizeof(kSettingCatalogue) / sizeof(kSettingCatalogue[0]);
 static_assert(kSettingCount == 43, "the catalogue has 43 settings");
 
-inline constexpr const char kOverrideSettingsPath[] = "/vendor/etc/camera/vxcamoverridesettings.txt";
+inline constexpr const char kOverrideSettingsPath[] =
+        "/vendor/etc/camera/vxcamoverridesettings.txt";
 inline constexpr const char kSettingPropertyPrefix[] = "vendor.camera.vcf.";
 inline constexpr const char kCameraPositionName[] = "CameraPosition";
 inline constexpr size_t kCameraPositionCount = 8;  // int32_t slots of its 32-byte buffer

@@ -138,8 +138,8 @@ void LogEffectiveValue(const SettingValue& row) {
 }
 
 void OverlayProperty(SettingValue& row) {
-    if (row.type != Integer && row.type != Float && row.type != String &&
-        row.type != Integer64 && row.type != Custom) {
+    if (row.type != Integer && row.type != Float && row.type != String && row.type != Integer64 &&
+        row.type != Custom) {
         return;
     }
     const std::string defaultText = DefaultText(row);
@@ -174,10 +174,10 @@ void ParseCameraPositions(const std::string& text, int32_t* slots) {
         const bool valid = end != piece.c_str() && errno != ERANGE;
         errno = savedErrno;
         if (!valid) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag,
-                                "%s():%d %s value \"%s\" is not a number; the list ends before it\n",
-                                "LoadOverrideSettings", __LINE__, kCameraPositionName,
-                                piece.c_str());
+            __android_log_print(
+                    ANDROID_LOG_ERROR, kTag,
+                    "%s():%d %s value \"%s\" is not a number; the list ends before it\n",
+                    "LoadOverrideSettings", __LINE__, kCameraPositionName, piece.c_str());
             return;
         }
         slots[count++] = static_cast<int32_t>(number);
@@ -253,7 +253,9 @@ VxCamStaticSetting::~VxCamStaticSetting() {
     m_settingMap.clear();
 }
 
-VxCamStaticSetting* VxCamStaticSetting::GetInstance() { return &s_instance; }
+VxCamStaticSetting* VxCamStaticSetting::GetInstance() {
+    return &s_instance;
+}
 
 void VxCamStaticSetting::OverlaySetting() {
     SettingValue overlay[kOverlayRowCount] = {};
@@ -291,13 +293,15 @@ void VxCamStaticSetting::LoadOverrideSettings() {
         row.propertyName.assign(kSettingPropertyPrefix).append(row.name);
     }
     if (file != nullptr) {
-        __android_log_print(ANDROID_LOG_INFO, kTag, "%s():%d Opening override settings text file: %s\n",
-                            __func__, __LINE__, path.c_str());
+        __android_log_print(ANDROID_LOG_INFO, kTag,
+                            "%s():%d Opening override settings text file: %s\n", __func__, __LINE__,
+                            path.c_str());
         ApplyOverrideFile(file, s_rows);
         OsUtils::FClose(file);
     } else {
-        __android_log_print(ANDROID_LOG_ERROR, kTag, "%s():%d No override settings text file %s found\n",
-                            __func__, __LINE__, path.c_str());
+        __android_log_print(ANDROID_LOG_ERROR, kTag,
+                            "%s():%d No override settings text file %s found\n", __func__, __LINE__,
+                            path.c_str());
     }
     for (SettingValue& row : s_rows) {
         OverlayProperty(row);
