@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(
-    cmake make g++ pkg-config
+    cmake make g++ pkg-config git clang-format
     zlib1g-dev libunwind-dev
     libgtest-dev libgmock-dev libbenchmark-dev
 )

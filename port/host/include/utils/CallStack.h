@@ -20,7 +20,7 @@
 namespace android {
 
 class CallStack {
-public:
+  public:
     CallStack();
     // Unwinds at once, then logs the stack under `logtag` at debug priority.
     CallStack(const char* logtag, int32_t ignoreDepth = 1);
@@ -37,7 +37,7 @@ public:
     String8 toString(const char* prefix = nullptr) const;
     size_t size() const { return mFrameLines.size(); }
 
-private:
+  private:
     std::vector<String8> mFrameLines;
 };
 
