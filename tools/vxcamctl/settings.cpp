@@ -299,29 +299,21 @@ class Linter {
     }
 
     void CheckCameraPositions(const char* value) {
-        const std::string text = value;
         size_t count = 0;
-        size_t start = 0;
-        while (start < text.size()) {
-            size_t comma = text.find(',', start);
-            if (comma == std::string::npos) comma = text.size();
-            const std::string piece = text.substr(start, comma - start);
-            start = comma + 1;
-            errno = 0;
-            char* end = nullptr;
-            const long number = strtol(piece.c_str(), &end, 10);
-            if (end == piece.c_str() || errno == ERANGE) {
+        VxCam::VisitCameraPositions(value, [&](const std::string& piece, long number, bool isNumber) {
+            if (!isNumber) {
                 Report("CameraPosition piece '%s' is not a number: the library ends the list "
                        "before it",
                        piece.c_str());
-                return;
+                return false;
             }
             if (number < INT32_MIN || number > INT32_MAX) {
                 Report("CameraPosition value %ld does not fit 32 bits: the library keeps %d",
                        number, static_cast<int32_t>(number));
             }
             ++count;
-        }
+            return true;
+        });
         if (count > VxCam::kCameraPositionCount) {
             Report("CameraPosition lists %zu values: the library keeps the first %zu", count,
                    VxCam::kCameraPositionCount);

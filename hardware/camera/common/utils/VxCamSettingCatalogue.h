@@ -5,10 +5,14 @@
 #ifndef VXCAM_SETTING_CATALOGUE_H
 #define VXCAM_SETTING_CATALOGUE_H
 
+#include <errno.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+
+#include <string>
 
 #include "VxCamCommonUtils.h"
 #include "VxCamStaticSetting.h"
@@ -112,6 +116,28 @@ inline int FindSettingRow(const char* key) {
         if (strcmp(kSettingCatalogue[i].name, key) == 0) return static_cast<int>(i);
     }
     return -1;
+}
+
+// Walks a "CameraPosition" list the way the loader reads it: split at every ',' (no piece after a
+// final ','), each piece read as a base-10 number, leading valid part only. Calls
+// visit(piece, number, isNumber) for each piece until visit returns false; isNumber is false for a
+// piece with no digits or out of the range of long.
+template <typename Visit>
+void VisitCameraPositions(const std::string& text, Visit visit) {
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t comma = text.find(',', start);
+        if (comma == std::string::npos) comma = text.size();
+        const std::string piece = text.substr(start, comma - start);
+        start = comma + 1;
+        const int savedErrno = errno;
+        errno = 0;
+        char* end = nullptr;
+        const long number = strtol(piece.c_str(), &end, 10);
+        const bool isNumber = end != piece.c_str() && errno != ERANGE;
+        errno = savedErrno;
+        if (!visit(piece, number, isNumber)) return;
+    }
 }
 
 // Library-internal: the loader's steps, exposed for the fuzzer and tests that drive them on rows

@@ -1,7 +1,6 @@
 // The settings registry: built-in defaults, override layers, typed lookups.
 #include "VxCamStaticSetting.h"
 
-#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -154,34 +153,24 @@ void OverlayProperty(SettingValue& row) {
 // "CameraPosition" is a comma-separated list of signed numbers, stored as eight int32_t.
 void ParseCameraPositions(const std::string& text, int32_t* slots) {
     size_t count = 0;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t comma = text.find(',', start);
-        if (comma == std::string::npos) comma = text.size();
-        const std::string piece = text.substr(start, comma - start);
-        start = comma + 1;
+    VisitCameraPositions(text, [&](const std::string& piece, long number, bool isNumber) {
         if (count == kCameraPositionCount) {
             __android_log_print(ANDROID_LOG_WARN, kTag,
                                 "%s():%d %s lists more than %zu values; the rest are ignored\n",
                                 "LoadOverrideSettings", __LINE__, kCameraPositionName,
                                 kCameraPositionCount);
-            return;
+            return false;
         }
-        const int savedErrno = errno;
-        errno = 0;
-        char* end = nullptr;
-        const long number = strtol(piece.c_str(), &end, 10);
-        const bool valid = end != piece.c_str() && errno != ERANGE;
-        errno = savedErrno;
-        if (!valid) {
+        if (!isNumber) {
             __android_log_print(
                     ANDROID_LOG_ERROR, kTag,
                     "%s():%d %s value \"%s\" is not a number; the list ends before it\n",
                     "LoadOverrideSettings", __LINE__, kCameraPositionName, piece.c_str());
-            return;
+            return false;
         }
         slots[count++] = static_cast<int32_t>(number);
-    }
+        return true;
+    });
 }
 
 }  // namespace
