@@ -13,9 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <map>
-#include <mutex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -25,14 +23,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "TestSupport.h"
+
 #include <VxCamPortPath.h>
 #include <android/log.h>
 #include <cutils/properties.h>
 #include <cutils/trace.h>
 #include <sync/sync.h>
 #include <utils/CallStack.h>
-#include <utils/String8.h>
-#include <vxf/VxFeature.h>
 
 namespace {
 
@@ -96,30 +94,6 @@ std::string PidTid() {
 // gtest's POSIX regular expressions rather than std::regex, which trips GCC 12's
 // -Wmaybe-uninitialized in sanitizer builds.
 const char kTimestamp[] = "[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
-
-// ---- Captured logger --------------------------------------------------------------------------
-struct Captured {
-    int32_t bufferId;
-    int32_t priority;
-    std::string tag;
-    std::string message;
-};
-std::mutex gCapturedMutex;
-std::vector<Captured> gCaptured;
-
-void CaptureLogger(const struct __android_log_message* m) {
-    std::lock_guard<std::mutex> lock(gCapturedMutex);
-    gCaptured.push_back({m->buffer_id, m->priority, m->tag, m->message});
-}
-
-class LoggerHook {
-  public:
-    LoggerHook() {
-        gCaptured.clear();
-        __android_log_set_logger(CaptureLogger);
-    }
-    ~LoggerHook() { __android_log_set_logger(nullptr); }
-};
 
 // ---- Log line layout ----------------------------------------------------------------------------
 
@@ -186,7 +160,7 @@ TEST(PortHostLogTest, StderrLineLayoutIsThreadtime) {
 }
 
 TEST(PortHostLogTest, PrintFormatsNullsAndTruncatesLikeLiblog) {
-    LoggerHook hook;
+    vxcamtest::LogCapture capture;
     std::string longArg(1500, 'x');
     EXPECT_EQ(__android_log_print(ANDROID_LOG_WARN, "VxCam", "v=%d %s", 42, "ok"), 1);
     EXPECT_EQ(__android_log_print(ANDROID_LOG_ERROR, nullptr, "%s", longArg.c_str()), 1);
@@ -196,18 +170,17 @@ TEST(PortHostLogTest, PrintFormatsNullsAndTruncatesLikeLiblog) {
     __android_log_write_log_message(&direct);
     __android_log_write_log_message(nullptr);
 
-    std::lock_guard<std::mutex> lock(gCapturedMutex);
-    ASSERT_EQ(gCaptured.size(), 4u);
-    EXPECT_EQ(gCaptured[0].bufferId, 0);
-    EXPECT_EQ(gCaptured[0].priority, ANDROID_LOG_WARN);
-    EXPECT_EQ(gCaptured[0].tag, "VxCam");
-    EXPECT_EQ(gCaptured[0].message, "v=42 ok");
-    EXPECT_EQ(gCaptured[1].tag, "");
-    EXPECT_EQ(gCaptured[1].message, std::string(1023, 'x'));
-    EXPECT_EQ(gCaptured[2].message, "");
-    EXPECT_EQ(gCaptured[3].priority, ANDROID_LOG_DEBUG);
-    EXPECT_EQ(gCaptured[3].tag, "Direct");
-    EXPECT_EQ(gCaptured[3].message, "via write_log_message");
+    const std::vector<vxcamtest::LogLine> captured = capture.Lines();
+    ASSERT_EQ(captured.size(), 4u);
+    EXPECT_EQ(captured[0].priority, ANDROID_LOG_WARN);
+    EXPECT_EQ(captured[0].tag, "VxCam");
+    EXPECT_EQ(captured[0].message, "v=42 ok");
+    EXPECT_EQ(captured[1].tag, "");
+    EXPECT_EQ(captured[1].message, std::string(1023, 'x'));
+    EXPECT_EQ(captured[2].message, "");
+    EXPECT_EQ(captured[3].priority, ANDROID_LOG_DEBUG);
+    EXPECT_EQ(captured[3].tag, "Direct");
+    EXPECT_EQ(captured[3].message, "via write_log_message");
 }
 
 TEST(PortHostLogTest, ConcurrentMessagesAreNeitherLostNorTorn) {
@@ -282,15 +255,6 @@ TEST(PortHostLogTest, AndroidLogTagsFilterTheStderrLogger) {
                         testing::Not(testing::HasSubstr("filter-probe")));
         }
     }
-    // A logger of the program's own sees everything: the filter belongs to the stderr logger.
-    setenv("ANDROID_LOG_TAGS", "*:s", 1);
-    EXPECT_EXIT(
-            {
-                __android_log_set_logger(CaptureLogger);
-                int ret = __android_log_write(ANDROID_LOG_VERBOSE, "A", "hooked");
-                _exit(ret == 1 && gCaptured.size() == 1 ? 0 : 1);
-            },
-            testing::ExitedWithCode(0), "");
     if (old != nullptr) {
         setenv("ANDROID_LOG_TAGS", saved.c_str(), 1);
     } else {
