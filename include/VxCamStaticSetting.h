@@ -77,6 +77,9 @@ class VXCAM_API VxCamStaticSetting {
     VxCamStaticSetting(const VxCamStaticSetting&) = delete;
     VxCamStaticSetting& operator=(const VxCamStaticSetting&) = delete;
 
+    // The three layers and the registration; LoadOverrideSettings keeps their failures inside.
+    __attribute__((visibility("hidden"))) void LoadLayers();
+
     __attribute__((visibility("hidden"))) static VxCamStaticSetting s_instance;
 
     std::unordered_map<std::string, SettingValue*> m_settingMap;

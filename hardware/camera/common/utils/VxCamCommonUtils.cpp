@@ -181,7 +181,12 @@ unsigned int OsUtils::GetFilesFromPath(const char* directory, unsigned long entr
         token2 == nullptr || token3 == nullptr || token4 == nullptr || lastToken == nullptr) {
         return 0;
     }
-    std::vector<char> name(entrySize, '\0');
+    std::vector<char> name;
+    try {
+        name.assign(entrySize, '\0');
+    } catch (...) {
+        return 0;
+    }
     DIR* folder = opendir(directory);
     if (folder == nullptr) return 0;
 

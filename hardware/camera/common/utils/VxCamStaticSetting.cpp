@@ -173,6 +173,35 @@ void ParseCameraPositions(const std::string& text, int32_t* slots) {
     });
 }
 
+// The maker's feature switches change built-in defaults before the file and properties do.
+void ApplyFeatureOverlay() {
+    SettingValue overlay[kOverlayRowCount] = {};
+    if ((GetVxFeature(kTeleZoomFeature) & 1) != 0) {
+        overlay[0].name = "TeleZoomStart";
+        overlay[0].type = Float;
+        overlay[0].radix = 10;
+        overlay[0].value = FloatToValue(kTeleZoomStartWithFeature);
+    }
+    for (const SettingValue& change : overlay) {
+        if (change.name == nullptr) continue;
+        SettingValue* row = FindRow(s_rows, change.name);
+        if (row == nullptr) continue;
+        switch (row->type) {
+            case Integer:
+            case Float:
+                row->value = static_cast<uint32_t>(change.value);
+                break;
+            case Integer64:
+                row->value = change.value;
+                break;
+            case String:
+            case Custom:
+                row->stringValue = change.stringValue;
+                break;
+        }
+    }
+}
+
 }  // namespace
 
 SettingValue::~SettingValue() = default;
@@ -247,34 +276,23 @@ VxCamStaticSetting* VxCamStaticSetting::GetInstance() {
 }
 
 void VxCamStaticSetting::OverlaySetting() {
-    SettingValue overlay[kOverlayRowCount] = {};
-    if ((GetVxFeature(kTeleZoomFeature) & 1) != 0) {
-        overlay[0].name = "TeleZoomStart";
-        overlay[0].type = Float;
-        overlay[0].radix = 10;
-        overlay[0].value = FloatToValue(kTeleZoomStartWithFeature);
-    }
-    for (const SettingValue& change : overlay) {
-        if (change.name == nullptr) continue;
-        SettingValue* row = FindRow(s_rows, change.name);
-        if (row == nullptr) continue;
-        switch (row->type) {
-            case Integer:
-            case Float:
-                row->value = static_cast<uint32_t>(change.value);
-                break;
-            case Integer64:
-                row->value = change.value;
-                break;
-            case String:
-            case Custom:
-                row->stringValue = change.stringValue;
-                break;
-        }
+    try {
+        ApplyFeatureOverlay();
+    } catch (...) {
+        // Only an allocation can fail here; the defaults stand.
     }
 }
 
 void VxCamStaticSetting::LoadOverrideSettings() {
+    try {
+        LoadLayers();
+    } catch (...) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "%s():%d out of memory; settings incomplete\n",
+                            __func__, __LINE__);
+    }
+}
+
+void VxCamStaticSetting::LoadLayers() {
     const std::string path = VxCamPort::ResolveDevicePath(kOverrideSettingsPath);
     FILE* file = OsUtils::FOpen(path.c_str(), "r");
     OverlaySetting();
@@ -283,14 +301,14 @@ void VxCamStaticSetting::LoadOverrideSettings() {
     }
     if (file != nullptr) {
         __android_log_print(ANDROID_LOG_INFO, kTag,
-                            "%s():%d Opening override settings text file: %s\n", __func__, __LINE__,
-                            path.c_str());
+                            "%s():%d Opening override settings text file: %s\n",
+                            "LoadOverrideSettings", __LINE__, path.c_str());
         ApplyOverrideFile(file, s_rows);
         OsUtils::FClose(file);
     } else {
         __android_log_print(ANDROID_LOG_ERROR, kTag,
-                            "%s():%d No override settings text file %s found\n", __func__, __LINE__,
-                            path.c_str());
+                            "%s():%d No override settings text file %s found\n",
+                            "LoadOverrideSettings", __LINE__, path.c_str());
     }
     for (SettingValue& row : s_rows) {
         OverlayProperty(row);
