@@ -245,6 +245,22 @@ void ForEachLine(const char* message, Fn fn) {
 
 }  // namespace
 
+extern "C" void __android_log_stderr_logger(const struct __android_log_message* log_message);
+
+namespace {
+
+__android_logger_function CurrentLogger() {
+    __android_logger_function logger = gLogger.load(std::memory_order_acquire);
+    return logger != nullptr ? logger : __android_log_stderr_logger;
+}
+
+// ANDROID_LOG_TAGS belongs to the stderr logger; a logger of the program's own sees everything.
+bool DroppedBy(__android_logger_function logger, int priority, const char* tag) {
+    return logger == __android_log_stderr_logger && !StderrFilterPasses(priority, tag);
+}
+
+}  // namespace
+
 extern "C" {
 
 void __android_log_stderr_logger(const struct __android_log_message* log_message) {
@@ -298,18 +314,15 @@ void __android_log_write_log_message(struct __android_log_message* log_message) 
     struct __android_log_message message = *log_message;
     if (message.tag == nullptr) message.tag = "";
     if (message.message == nullptr) message.message = "";
-    __android_logger_function logger = gLogger.load(std::memory_order_acquire);
-    if (logger == nullptr) logger = __android_log_stderr_logger;
-    logger(&message);
+    CurrentLogger()(&message);
 }
 
 int __android_log_write(int prio, const char* tag, const char* text) {
     ErrnoRestorer errnoRestorer;
     if (tag == nullptr) tag = "";
     if (text == nullptr) text = "";
-    __android_logger_function logger = gLogger.load(std::memory_order_acquire);
-    if (logger == nullptr) logger = __android_log_stderr_logger;
-    if (logger == __android_log_stderr_logger && !StderrFilterPasses(prio, tag)) return -EPERM;
+    const __android_logger_function logger = CurrentLogger();
+    if (DroppedBy(logger, prio, tag)) return -EPERM;
     struct __android_log_message message = {};
     message.struct_size = sizeof(message);
     message.buffer_id = 0;  // LOG_ID_MAIN
@@ -326,11 +339,7 @@ int __android_log_vprint(int prio, const char* tag, const char* fmt, va_list ap)
     ErrnoRestorer errnoRestorer;
     if (tag == nullptr) tag = "";
     // Filtering before formatting spares the vsnprintf of every dropped verbose line.
-    __android_logger_function logger = gLogger.load(std::memory_order_acquire);
-    if ((logger == nullptr || logger == __android_log_stderr_logger) &&
-        !StderrFilterPasses(prio, tag)) {
-        return -EPERM;
-    }
+    if (DroppedBy(CurrentLogger(), prio, tag)) return -EPERM;
     char buffer[1024];
     if (fmt == nullptr) {
         buffer[0] = '\0';

@@ -52,11 +52,10 @@ uint32_t TextToInteger(const char* text, int radix) {
     return low;
 }
 
+// Rows are always laid out in catalogue order (FillSettingDefaults).
 SettingValue* FindRow(SettingValue* rows, const char* key) {
-    for (size_t i = 0; i < kSettingCount; ++i) {
-        if (rows[i].name != nullptr && strcmp(rows[i].name, key) == 0) return &rows[i];
-    }
-    return nullptr;
+    const int index = FindSettingRow(key);
+    return index >= 0 ? &rows[index] : nullptr;
 }
 
 // The value as text, in the form a property holding the same value would have.
