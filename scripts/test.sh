@@ -22,3 +22,10 @@ echo "== tests under the sanitizers"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:halt_on_error=1 \
 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     ctest --test-dir build-asan --output-on-failure -j"$jobs"
+
+echo "== build with ThreadSanitizer (the offline logger and its tool)"
+cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DVXCAM_SANITIZE=thread >/dev/null
+cmake --build build-tsan -j"$jobs" --target VxCamOfflineLogger_test vxcamctl
+echo "== offline logger tests under ThreadSanitizer"
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+    ctest --test-dir build-tsan --output-on-failure -j"$jobs" -R '^VxCamOfflineLogger_test\.'

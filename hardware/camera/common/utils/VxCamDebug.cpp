@@ -7,6 +7,7 @@
 #include <log/log.h>
 
 #include "VxCamCommonUtils.h"
+#include "VxCamOfflineLogger.h"
 #include "VxCamStaticSetting.h"
 
 namespace VxCam {
@@ -23,20 +24,11 @@ constexpr const char kTag[] = "VxCam";
 constexpr size_t kLineSize = 1024;  // one log line, terminator included
 
 // ---- Hand-off to the default offline logger ------------------------------------------------
-// The debug frame reaches the offline logger only through these three functions. This build has
-// no offline logger yet: there is no default logger to take lines or masks.
-
-bool DefaultOfflineLoggerTakesLines() {
-    return false;
-}
-
-void AddToDefaultOfflineLogger(const char* /*line*/, unsigned int /*size*/) {}
-
-void ShareMasksWithDefaultOfflineLogger(DebugLogInfo* /*info*/) {}
 
 // The offline copy carries what logcat would have added: time, pid, tid and level.
 void HandOffToOfflineLogger(const char* levelLetter, const char* message) {
-    if (!DefaultOfflineLoggerTakesLines()) return;
+    VxCamOfflineLogger* logger = VxCamOfflineLogger::GetInstance(OfflineLog);
+    if (logger == nullptr || logger->IsEnableOfflinelogger() == 0) return;
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     tm local = {};
@@ -46,8 +38,8 @@ void HandOffToOfflineLogger(const char* levelLetter, const char* message) {
             line, sizeof(line), "%02d-%02d %02d:%02d:%02d:%09ld  %4d  %4d %s VxCam: %s\n",
             local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, now.tv_nsec,
             OsUtils::GetProcessID(), OsUtils::GetThreadID(), levelLetter, message);
-    // The logger is told the length the line would have had, as hosts expect of this call.
-    AddToDefaultOfflineLogger(line, static_cast<unsigned int>(size));
+    // The logger is told the length the line would have had; it bounds the copy to the line.
+    if (size > 0) logger->AddLog(line, static_cast<unsigned int>(size));
 }
 
 }  // namespace
@@ -76,7 +68,10 @@ int Log::UpdateLogInfo() {
                         "VxCamDebug", __LINE__, g_logInfo.systemLogEnable,
                         g_logInfo.offlineLogEnable, g_logInfo.debugMask, g_logInfo.warningMask,
                         g_logInfo.infoMask, g_logInfo.verboseMask);
-    if (g_logInfo.offlineLogEnable == 1) ShareMasksWithDefaultOfflineLogger(&g_logInfo);
+    if (g_logInfo.offlineLogEnable == 1) {
+        VxCamOfflineLogger* logger = VxCamOfflineLogger::GetInstance(OfflineLog);
+        if (logger != nullptr) logger->SetLogInfoMask(&g_logInfo);
+    }
     return 0;
 }
 

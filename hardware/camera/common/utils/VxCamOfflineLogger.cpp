@@ -1,0 +1,1160 @@
+// The offline logger: memory pool, per-thread capture, flushing and file naming, camera sessions,
+// retention, crash backup and the C entry table.
+#include "VxCamOfflineLogger.h"
+
+#include <errno.h>
+#include <math.h>
+#include <pthread.h>
+#include <stdarg.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/sysinfo.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <new>
+
+#include <VxCamPortPath.h>
+#include <log/log.h>
+
+#include "VxCamStaticSetting.h"
+
+// The logger's own diagnostics go straight to the Android log: they must not re-enter the capture.
+#define OFFLINE_LOG(priority, fmt, ...) \
+    __android_log_print(priority, "VxCam", "%s():%d " fmt "\n", __func__, __LINE__, ##__VA_ARGS__)
+#define OFFLINE_LOGE(fmt, ...) OFFLINE_LOG(ANDROID_LOG_ERROR, fmt, ##__VA_ARGS__)
+#define OFFLINE_LOGW(fmt, ...) OFFLINE_LOG(ANDROID_LOG_WARN, fmt, ##__VA_ARGS__)
+
+namespace VxCam {
+
+// Capture holds it shared for one line; camera close, disable and pool clean-up hold it
+// exclusively while buckets are written out or released. Constant-initialised and never
+// destroyed, so threads still logging while the process exits find it intact.
+class OfflineLoggerThreadLock {
+  public:
+    constexpr OfflineLoggerThreadLock() = default;
+    void LockShared() { pthread_rwlock_rdlock(&m_lock); }
+    void UnlockShared() { pthread_rwlock_unlock(&m_lock); }
+    void Lock() { pthread_rwlock_wrlock(&m_lock); }
+    void Unlock() { pthread_rwlock_unlock(&m_lock); }
+
+  private:
+    pthread_rwlock_t m_lock = PTHREAD_RWLOCK_INITIALIZER;
+};
+
+namespace {
+
+constexpr const char kDeviceRoot[] = "/data/vendor/camera";
+constexpr uint32_t kSegmentLimit = 52428800;  // 50 MiB per file part
+constexpr float kBytesToMB = 9.536743e-07f;
+constexpr double kMinimumStartSpaceMB = 3000.0;
+constexpr uint32_t kStateActive = 0;
+constexpr uint32_t kStateClosing = 1;
+constexpr uint32_t kStateDisabled = 2;
+constexpr size_t kPathSize = 4096;
+constexpr size_t kTimestampSize = 50;
+
+constexpr OfflineLoggerConfigInfo kBuiltInConfig[4] = {
+        {25, 25, 6, 3145728},   // OfflineLog
+        {25, 25, 12, 3145728},  // BinaryLog
+        {0, 60, 50, 3145728},   // CoredumpTxt
+        {0, 2, 1, 3145728},     // CoredumpBin
+};
+
+// Capturing threads store into their own registration under the shared lock only, so the table
+// must never move: it is reserved once for this many registrations, and a request beyond that
+// fails like an allocation failure. Each live registration holds a 3 MiB bucket, so the bound is
+// far above any real pool; the reservation is address space, untouched until used.
+constexpr size_t kRegistrationCapacity = 4096;
+
+const char* TypeName(uint32_t type) {
+    static const char* const kNames[] = {"OfflineLog", "BinaryLog", "CoredumpTxt", "CoredumpBin"};
+    return type < 4 ? kNames[type] : "UnKnow";
+}
+
+bool IsValidType(uint32_t type) {
+    return (type & 0xFC) == 0;
+}
+
+class SharedHold {
+  public:
+    explicit SharedHold(OfflineLoggerThreadLock& lock) : m_lock(lock) { m_lock.LockShared(); }
+    ~SharedHold() { m_lock.UnlockShared(); }
+
+  private:
+    OfflineLoggerThreadLock& m_lock;
+};
+
+class ExclusiveHold {
+  public:
+    explicit ExclusiveHold(OfflineLoggerThreadLock& lock) : m_lock(lock) { m_lock.Lock(); }
+    ~ExclusiveHold() { m_lock.Unlock(); }
+
+  private:
+    OfflineLoggerThreadLock& m_lock;
+};
+
+std::mutex s_offlineLoggerMutex;
+OfflineLoggerThreadLock s_threadLock;
+std::atomic<bool> s_threadGuard{false};
+
+// The entry table's per-type instance cache, shared with the thread-exit guard.
+std::atomic<VxCamOfflineLogger*> s_entryInstances[4];
+
+VxCamOfflineLogger* CachedInstance(OfflineLoggerType type) {
+    if (!IsValidType(type)) return VxCamOfflineLogger::GetInstance(type);
+    VxCamOfflineLogger* logger = s_entryInstances[type].load(std::memory_order_acquire);
+    if (logger == nullptr) {
+        logger = VxCamOfflineLogger::GetInstance(type);
+        s_entryInstances[type].store(logger, std::memory_order_release);
+    }
+    return logger;
+}
+
+// "2026-11-15--12-05-52-123456": local time with microseconds; empty when the clock cannot be
+// broken down.
+std::string Timestamp() {
+    timeval now = {};
+    gettimeofday(&now, nullptr);
+    tm local = {};
+    if (localtime_r(&now.tv_sec, &local) == nullptr) return std::string();
+    char text[kTimestampSize];
+    snprintf(text, sizeof(text), "%2d-%02d-%02d--%02d-%02d-%02d-%06ld", local.tm_year + 1900,
+             local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+             static_cast<long>(now.tv_usec));
+    return text;
+}
+
+float MillisecondsSince(std::chrono::steady_clock::time_point start) {
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    return static_cast<float>(std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count()) /
+           1e6f;
+}
+
+}  // namespace
+
+// ---- Process-wide state -------------------------------------------------------------------------
+
+std::atomic<uint32_t> VxCamOfflineLogger::s_isInitValid{0};
+std::mutex* VxCamOfflineLogger::m_pOfflineLoggerLock = &s_offlineLoggerMutex;
+OfflineLoggerThreadLock* VxCamOfflineLogger::m_pThreadLock = &s_threadLock;
+std::atomic<bool>* VxCamOfflineLogger::m_pThreadGuard = &s_threadGuard;
+
+// Text and binary logs count segments from 1, the core-dump types from 0.
+thread_local uint32_t VxCamOfflineLogger::s_threadLocalSegmentCnt[4] = {1, 1, 0, 0};
+thread_local unsigned char* VxCamOfflineLogger::s_pThreadLocalLogBuffer[4] = {};
+thread_local int32_t VxCamOfflineLogger::s_threadLocalQueuePoolId[4] = {};
+thread_local uint32_t VxCamOfflineLogger::s_threadLocalSessionCnt[4] = {};
+thread_local uint32_t VxCamOfflineLogger::s_threadLocalLogSize[4] = {};
+thread_local uint32_t VxCamOfflineLogger::s_threadLocalLogCurPos[4] = {};
+thread_local uint32_t VxCamOfflineLogger::s_threadLocalFlushDone[4] = {};
+thread_local LifetimeThreadInfo VxCamOfflineLogger::s_threadLocalLifeTime[4] = {};
+
+// ---- Instances ----------------------------------------------------------------------------------
+
+VxCamOfflineLogger* VxCamOfflineLogger::GetInstance(OfflineLoggerType type) {
+    static VxCamOfflineLogger* const* s_instances = []() -> VxCamOfflineLogger* const* {
+        static VxCamOfflineLogger* table[4] = {};
+        try {
+            for (uint32_t t = 0; t < 4; ++t) {
+                table[t] = new VxCamOfflineLogger(static_cast<OfflineLoggerType>(t),
+                                                  &kBuiltInConfig[t]);
+            }
+        } catch (const std::bad_alloc&) {
+            OFFLINE_LOGE("VxCamOfflineLogger allocate memory failed");
+            return nullptr;
+        }
+        return table;
+    }();
+    s_isInitValid.store(1, std::memory_order_relaxed);
+    if (s_instances == nullptr || !IsValidType(type)) return nullptr;
+    return s_instances[type & 3];
+}
+
+VxCamOfflineLogger::VxCamOfflineLogger(OfflineLoggerType type, const OfflineLoggerConfigInfo* config)
+    : m_typeEnabled{},
+      m_loggerTypeName(TypeName(type)),
+      m_prefixReady(0),
+      m_state(kStateActive),
+      m_loggerType(type),
+      m_sessionCount(1),
+      m_sessionFlushState(0),
+      m_flushRequestCount(0),
+      m_totalFlushSizeMB(0.0f),
+      m_logInfo{},
+      m_maxFileNameListSize(0),
+      m_minimumRequireForBackupLog(0),
+      m_enableBackupLogWhileCrash(0),
+      m_coredumpEnabled(0),
+      m_multiPathMode(0),
+      m_statusFd(-1),
+      m_statusDumpFile(nullptr),
+      m_fwriteSampleCount(0),
+      m_fwriteTimeAvgMs(0.0f),
+      m_totalFlushTimeMs(0.0f),
+      m_totalFlushCount(0),
+      m_removeSuccessCount(0),
+      m_removeFailCount(0),
+      m_requestMemoryCount(0),
+      m_triggerOperation(0),
+      m_cleanupTriggerCount(0),
+      m_statusDumpEnabled(0),
+      m_cameraOpenCount{},
+      m_signal35TombstoneTriggered(0),
+      m_maxFlushLogSizeThreshold(2600),
+      m_pConfigInfo(config != nullptr ? config : &kBuiltInConfig[type & 3]),
+      m_flushTriggerLink(nullptr),
+      m_cleanupTriggerLink(nullptr),
+      m_registrationCount(0) {
+    m_fileNameSet.max_load_factor(1.0f);
+    m_perLogInfoPool.reserve(
+            std::max<size_t>(kRegistrationCapacity, 4u * m_pConfigInfo->initialBucketCount));
+}
+
+VxCamOfflineLogger::~VxCamOfflineLogger() {
+    for (unsigned char* bucket : m_memPool) free(bucket);
+    m_memPool.clear();
+    m_memPool.shrink_to_fit();
+}
+
+std::string VxCamOfflineLogger::DeviceRoot() const {
+    return VxCamPort::ResolveDevicePath(kDeviceRoot);
+}
+
+int VxCamOfflineLogger::GetSettingLink() {
+    VxCamStaticSetting* settings = VxCamStaticSetting::GetInstance();
+    const std::string root = DeviceRoot();
+    const double freeMB = GetAvailableSpace(root.c_str());
+    if (freeMB >= 0.0 && freeMB < kMinimumStartSpaceMB) {
+        char path[kPathSize];
+        const int length = snprintf(path, sizeof(path), "%s/VxCam_%s_ErrorMsg.txt", root.c_str(),
+                                    m_loggerTypeName.c_str());
+        if (length > 0 && static_cast<size_t>(length) < sizeof(path)) {
+            FILE* file = fopen(path, "a+");
+            if (file != nullptr) {
+                static const char kNoSpace[] =
+                        "VxCamOfflineLogger detect file system has no space left";
+                fwrite(kNoSpace, 1, sizeof(kNoSpace) - 1, file);
+                fclose(file);
+            }
+        }
+        OFFLINE_LOGE("VxCamOfflineLogger detect file system has no space left!");
+        OFFLINE_LOGE("VxCamOfflineLogger get override setting failed");
+        return 0;
+    }
+    if (freeMB < 0.0) {
+        OFFLINE_LOGE("VxCamOfflineLogger query system space failed!");
+        OFFLINE_LOGE("VxCamOfflineLogger get override setting failed");
+        return 0;
+    }
+    if (settings == nullptr) {
+        OFFLINE_LOGE("VxCamOfflineLogger get override setting failed");
+        return 0;
+    }
+
+    // Built in: no setting changes these.
+    m_maxFileNameListSize = 200;
+    m_minimumRequireForBackupLog = 3000;
+    m_enableBackupLogWhileCrash = 1;
+    m_typeEnabled[OfflineLog] = 0;
+    m_typeEnabled[BinaryLog] = 0;
+    m_typeEnabled[CoredumpTxt] = 1;
+    m_typeEnabled[CoredumpBin] = 1;
+    m_statusDumpEnabled = 0;
+
+    if (!IsValidType(m_loggerType) || m_typeEnabled[m_loggerType] != 1) return 1;
+
+    int result;
+    {
+        std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+        result = AllocateLogQueueMemPool(m_pConfigInfo->initialBucketCount,
+                                         m_pConfigInfo->bucketSize);
+    }
+    if (result != 1) return result;
+    m_state.store(kStateActive);
+    return 1;
+}
+
+void VxCamOfflineLogger::SetAllToDefaultValue() {
+    std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+    m_prefixReady = 0;
+    m_sessionPrefix.clear();
+    m_freeBucketIds.clear();
+    for (size_t i = 0; i < m_memPool.size(); ++i) m_freeBucketIds.push_back(static_cast<int>(i));
+    m_freeRegisterIds.clear();
+    m_flushRequestIds.clear();
+    m_fileNameList.clear();
+    m_fileNameSet.clear();
+    m_fwriteTimeHistory.clear();
+    m_flushedThreadList.clear();
+    m_perLogInfoPool.clear();  // keeps its reservation: registrations never move
+    m_registrationCount.store(0, std::memory_order_relaxed);
+}
+
+DebugLogInfo VxCamOfflineLogger::GetLogInfoMask() {
+    return m_logInfo;
+}
+
+void VxCamOfflineLogger::SetLogInfoMask(DebugLogInfo* info) {
+    if (info == nullptr) return;
+    m_logInfo.debugMask = info->debugMask;
+    m_logInfo.errorMask = info->errorMask;
+    m_logInfo.warningMask = info->warningMask;
+    m_logInfo.level3Mask = info->level3Mask;
+    m_logInfo.infoMask = info->infoMask;
+    m_logInfo.verboseMask = info->verboseMask;
+    m_logInfo.systemLogEnable = info->systemLogEnable;
+    m_logInfo.offlineLogEnable = info->offlineLogEnable;
+    m_logInfo.isUpdated = info->isUpdated;
+}
+
+// ---- Memory pool and registrations --------------------------------------------------------------
+
+int VxCamOfflineLogger::AllocateLogQueueMemPool(unsigned int count, unsigned int size) {
+    bool failed = false;
+    for (unsigned int i = 0; i < count; ++i) {
+        // Zero-filled by calloc: fresh pages cost no memory until a thread writes into them.
+        unsigned char* bucket = static_cast<unsigned char*>(calloc(1, size));
+        if (bucket == nullptr) {
+            OFFLINE_LOGE("VxCamOfflineLogger allocate memory failed");
+            failed = true;
+            continue;
+        }
+        try {
+            m_memPool.push_back(bucket);
+            m_freeBucketIds.push_back(static_cast<int>(m_memPool.size() - 1));
+        } catch (const std::bad_alloc&) {
+            if (!m_memPool.empty() && m_memPool.back() == bucket) m_memPool.pop_back();
+            free(bucket);
+            OFFLINE_LOGE("VxCamOfflineLogger allocate memory failed");
+            failed = true;
+        }
+    }
+    return failed ? 0 : 1;
+}
+
+int VxCamOfflineLogger::RequestNewLogQueue(unsigned char*& buffer, unsigned int threadId,
+                                           int segmentCnt) {
+    const uint32_t type = m_loggerType & 3;
+    int registerId = -1;
+    buffer = nullptr;
+    std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+    const uint32_t sessionCnt = s_threadLocalSessionCnt[type];
+    ++m_requestMemoryCount;
+    try {
+        // A pool that has to grow does not hand out a free registerId on the same request.
+        bool mayReuseRegistration = true;
+        if (m_freeBucketIds.empty()) {
+            AllocateLogQueueMemPool(m_pConfigInfo->growBucketCount, m_pConfigInfo->bucketSize);
+            mayReuseRegistration = false;
+        }
+        if (!m_freeBucketIds.empty()) {
+            const int bucketId = m_freeBucketIds.front();
+            const bool presetPath = m_multiPathMode == 1 && m_loggerType == CoredumpTxt;
+            if (mayReuseRegistration && !m_freeRegisterIds.empty()) {
+                registerId = m_freeRegisterIds.front();
+                m_freeRegisterIds.pop_front();
+                PerLogThreadInfo& info = m_perLogInfoPool[registerId];
+                info.flushRequested = 0;
+                info.fileNameReady = presetPath ? 1 : 0;
+                info.threadId = threadId;
+                info.bucketId = static_cast<uint32_t>(bucketId);
+                info.sessionCnt = sessionCnt;
+                info.segmentCnt = segmentCnt;
+                info.logSize = 0;
+                info.lastFlag = 0;
+                info.fileSize = 0;
+                if (presetPath) info.path = m_multiPathCoredumpPath;
+            } else if (m_perLogInfoPool.size() < m_perLogInfoPool.capacity()) {
+                m_perLogInfoPool.push_back(PerLogThreadInfo{
+                        0, presetPath ? 1u : 0u, threadId, static_cast<uint32_t>(bucketId),
+                        sessionCnt, segmentCnt, 0,
+                        presetPath ? m_multiPathCoredumpPath : std::string(), 0, 0});
+                registerId = static_cast<int>(m_perLogInfoPool.size() - 1);
+                m_registrationCount.store(static_cast<int32_t>(m_perLogInfoPool.size()),
+                                          std::memory_order_relaxed);
+            }
+            if (registerId >= 0) {
+                m_freeBucketIds.pop_front();
+                buffer = m_memPool[bucketId];
+            }
+        }
+    } catch (const std::bad_alloc&) {
+        registerId = -1;
+        buffer = nullptr;
+    }
+    if (buffer == nullptr) {
+        OFFLINE_LOGE("Offlinelog failed to request new container");
+        registerId = -1;
+    }
+    LifetimeThreadInfo& lifetime = s_threadLocalLifeTime[type];
+    lifetime.threadId = threadId;
+    lifetime.registerId = registerId;
+    lifetime.valid = 1;
+    lifetime.type = static_cast<OfflineLoggerType>(type);
+    lifetime.owner = this;
+    return registerId;
+}
+
+void VxCamOfflineLogger::CleanupMemoryPool() {
+    ExclusiveHold threads(*m_pThreadLock);
+    std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+    m_freeBucketIds.clear();
+    m_flushRequestIds.clear();
+    m_freeRegisterIds.clear();
+    m_perLogInfoPool.clear();
+    m_registrationCount.store(0, std::memory_order_relaxed);
+    for (unsigned char* bucket : m_memPool) free(bucket);
+    m_memPool.clear();
+    m_memPool.shrink_to_fit();
+    // Every thread's bucket pointer is stale now; the capture notices the new session.
+    m_sessionCount.fetch_add(1);
+}
+
+LifetimeThreadInfo::~LifetimeThreadInfo() {
+    if (valid != 1) return;
+    const uint32_t index = type & 3;
+    if (type == CoredumpTxt || type == CoredumpBin) return;  // core-dump buckets stay put
+    VxCamOfflineLogger* logger = owner != nullptr ? owner : CachedInstance(type);
+    if (logger == nullptr) return;
+    SharedHold hold(*VxCamOfflineLogger::m_pThreadLock);
+    // A camera close or a clean-up since the bucket was taken has already written or released
+    // it, and the registerId may belong to another thread by now.
+    if (VxCamOfflineLogger::s_pThreadLocalLogBuffer[index] == nullptr ||
+        VxCamOfflineLogger::s_threadLocalSessionCnt[index] !=
+                logger->m_sessionCount.load(std::memory_order_relaxed)) {
+        return;
+    }
+    logger->RequestFlushLogQueue(registerId, 0);
+}
+
+// ---- Capture ------------------------------------------------------------------------------------
+
+int VxCamOfflineLogger::RegisterThread(unsigned int type) {
+    s_threadLocalSessionCnt[type] = m_sessionCount.load(std::memory_order_relaxed);
+    s_threadLocalLogSize[type] = 0;
+    s_threadLocalSegmentCnt[type] = 1;
+    s_threadLocalLogCurPos[type] = 0;
+    s_threadLocalFlushDone[type] = 0;
+    s_threadLocalQueuePoolId[type] =
+            RequestNewLogQueue(s_pThreadLocalLogBuffer[type], static_cast<unsigned int>(gettid()),
+                               static_cast<int>(s_threadLocalSegmentCnt[type]));
+    return s_threadLocalQueuePoolId[type];
+}
+
+void VxCamOfflineLogger::AppendToBucket(unsigned int type, const char* log, unsigned int length) {
+    memcpy(s_pThreadLocalLogBuffer[type] + s_threadLocalLogCurPos[type], log, length);
+    s_threadLocalLogCurPos[type] += length;
+    s_threadLocalLogSize[type] += length;
+    const int32_t registerId = s_threadLocalQueuePoolId[type];
+    if (registerId >= 0 && registerId < m_registrationCount.load(std::memory_order_relaxed)) {
+        // data(): the table's start never moves, while its end may grow under another thread.
+        PerLogThreadInfo& info = m_perLogInfoPool.data()[registerId];
+        info.logSize = s_threadLocalLogCurPos[type];
+        info.fileSize = s_threadLocalLogSize[type];
+    }
+}
+
+int VxCamOfflineLogger::AddLog(const char* log, unsigned int length) {
+    if (m_state.load(std::memory_order_relaxed) == kStateDisabled) return 2;
+    if (s_isInitValid.load(std::memory_order_relaxed) == 0) return 1;
+    if (m_pThreadGuard->load(std::memory_order_acquire)) {
+        OFFLINE_LOGE("VxCamOfflineLogger: Please note log is skipped due to camera is closing");
+        return 0;
+    }
+    if (log == nullptr || length == 0) return 0;
+
+    const unsigned int type = m_loggerType & 3;
+    const uint32_t bucketSize = m_pConfigInfo->bucketSize;
+    // Callers may state more than they hold: the debug frame passes the length its line would
+    // have had before it was cut to its buffer. A text line ends at its terminator, and no line
+    // is longer than a bucket; binary records are taken at their word.
+    if (type == OfflineLog || type == CoredumpTxt) {
+        const void* end = memchr(log, '\0', length);
+        if (end != nullptr) length = static_cast<unsigned int>(static_cast<const char*>(end) - log);
+    }
+    if (length > bucketSize) length = bucketSize;
+    if (length == 0) return 0;
+
+    SharedHold hold(*m_pThreadLock);
+    if (s_threadLocalSessionCnt[type] != m_sessionCount.load(std::memory_order_relaxed)) {
+        // First line of this thread, or first since a camera close or clean-up.
+        RegisterThread(type);
+    } else if (s_pThreadLocalLogBuffer[type] == nullptr) {
+        return 0;  // no bucket could be had in this session
+    } else {
+        const uint32_t flushState = m_sessionFlushState.load(std::memory_order_relaxed);
+        if (s_threadLocalFlushDone[type] == 0 && flushState != 0) {
+            // A flush of every bucket has written this one out: start it over.
+            s_threadLocalFlushDone[type] = flushState;
+            s_threadLocalLogSize[type] = 0;
+            s_threadLocalLogCurPos[type] = 0;
+            const int32_t registerId = s_threadLocalQueuePoolId[type];
+            if (registerId >= 0 && registerId < m_registrationCount.load(std::memory_order_relaxed))
+                m_perLogInfoPool.data()[registerId].logSize = 0;
+        }
+        // The bucket test comes first, so a segment ends only on a line that fits its bucket.
+        if (s_threadLocalLogCurPos[type] + length > bucketSize) {
+            RequestFlushLogQueue(s_threadLocalQueuePoolId[type], 0);
+            s_threadLocalQueuePoolId[type] = RequestNewLogQueue(
+                    s_pThreadLocalLogBuffer[type], static_cast<unsigned int>(gettid()),
+                    static_cast<int>(s_threadLocalSegmentCnt[type]));
+            s_threadLocalLogCurPos[type] = 0;
+        } else if (s_threadLocalLogSize[type] > kSegmentLimit) {
+            ++s_threadLocalSegmentCnt[type];
+            s_threadLocalLogSize[type] = 0;
+            RequestFlushLogQueue(s_threadLocalQueuePoolId[type], 1);
+            s_threadLocalQueuePoolId[type] = RequestNewLogQueue(
+                    s_pThreadLocalLogBuffer[type], static_cast<unsigned int>(gettid()),
+                    static_cast<int>(s_threadLocalSegmentCnt[type]));
+            s_threadLocalLogCurPos[type] = 0;
+        } else if (s_threadLocalQueuePoolId[type] >=
+                   m_registrationCount.load(std::memory_order_relaxed)) {
+            OFFLINE_LOGE(
+                    "Exceed per thrad pool size, Local:%d, m_sessionCount:%d, pool size:%zu, "
+                    "PoolId: %d",
+                    s_threadLocalSessionCnt[type], m_sessionCount.load(),
+                    static_cast<size_t>(m_registrationCount.load()), s_threadLocalQueuePoolId[type]);
+            RegisterThread(type);
+        }
+    }
+    if (s_pThreadLocalLogBuffer[type] != nullptr) AppendToBucket(type, log, length);
+    return 0;
+}
+
+int VxCamOfflineLogger::DPrintF(int fd, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const int result = vdprintf(fd, format, arguments);
+    va_end(arguments);
+    return result;
+}
+
+// ---- Flushing and file naming -------------------------------------------------------------------
+
+void VxCamOfflineLogger::RequestFlushLogQueue(int registerId, int lastFlag) {
+    std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+    if (registerId < 0 || static_cast<size_t>(registerId) >= m_perLogInfoPool.size()) {
+        OFFLINE_LOGW("Invalid registerId %d, m_perLogInfoPool size %zu", registerId,
+                     m_perLogInfoPool.size());
+        return;
+    }
+    PerLogThreadInfo& info = m_perLogInfoPool[registerId];
+    info.flushRequested = 1;
+    if (lastFlag == 1) info.lastFlag = 1;
+    ++m_flushRequestCount;
+    try {
+        m_flushRequestIds.push_back(registerId);
+    } catch (const std::bad_alloc&) {
+        OFFLINE_LOGE("VxCamOfflineLogger allocate memory failed");
+        return;
+    }
+    // The host's trigger runs with the pool lock held: it must hand the flush to another thread.
+    void (*trigger)(OfflineLoggerType) = m_flushTriggerLink.load(std::memory_order_acquire);
+    if (trigger != nullptr && m_loggerType < 4 && m_cameraOpenCount[m_loggerType] != 0) {
+        trigger(m_loggerType);
+    }
+}
+
+std::string VxCamOfflineLogger::GetCurrentTime() {
+    return Timestamp();
+}
+
+std::string VxCamOfflineLogger::GetPrefixFilename() {
+    const std::string prefixTime = Timestamp();
+    const std::string folderName = "VxCam_OfflineLog_" + GetCurrentTime();
+    const std::string root = DeviceRoot();
+    char prefix[kPathSize];
+    char prefixName[kPathSize];
+    char folder[kPathSize];
+    snprintf(prefix, sizeof(prefix), "%s/%s/VxCam_%s_%s_", root.c_str(), folderName.c_str(),
+             m_loggerTypeName.c_str(), prefixTime.c_str());
+    snprintf(prefixName, sizeof(prefixName), "VxCam_%s_%s_", m_loggerTypeName.c_str(),
+             prefixTime.c_str());
+    snprintf(folder, sizeof(folder), "%s/%s/", root.c_str(), folderName.c_str());
+    if (mkdir(folder, 0777) != 0) OFFLINE_LOGE("Failed to create Offlinelogger folder");
+    m_sessionPrefix = prefix;
+    m_sessionPrefixName = prefixName;
+    m_prefixReady = 1;
+    m_sessionFolderName = folderName;
+    return m_sessionPrefix;
+}
+
+std::string VxCamOfflineLogger::GetCurrentSessionPrefixFilename() {
+    return m_sessionPrefix + "_Session" + std::to_string(m_sessionCount.load());
+}
+
+std::string VxCamOfflineLogger::GenerateLogFileNameByOfflineLoggerType(
+        std::vector<PerLogThreadInfo>::iterator* it) {
+    PerLogThreadInfo& info = **it;
+    if (m_loggerType == CoredumpTxt || m_loggerType == CoredumpBin) {
+        info.path = m_coredumpPath;
+        return m_coredumpPath;
+    }
+    // The prefix ends in '_' and so does not swallow this part's leading one: names carry
+    // "__Tid", and readers of the files rely on that.
+    std::string namePart = "_Tid" + std::to_string(info.threadId) + "_Session" +
+                           std::to_string(info.sessionCnt) + "_Segment" +
+                           std::to_string(info.segmentCnt);
+    info.path = m_sessionPrefix + namePart;
+    if (m_loggerType == OfflineLog) {
+        info.path += ".txt";
+    } else if (m_loggerType == BinaryLog) {
+        info.path += ".bin";
+    }
+    return namePart;
+}
+
+void VxCamOfflineLogger::RecordTextFileName(const std::string& namePart) {
+    std::string name = m_sessionPrefixName + namePart + ".txt";
+    if (m_fileNameSet.count(name) != 0) return;
+    // The list settles one above its bound; the set keeps every name of the session.
+    if (m_fileNameList.size() > m_maxFileNameListSize) m_fileNameList.pop_back();
+    m_fileNameSet.insert(name);
+    m_fileNameList.push_front(std::move(name));
+}
+
+void VxCamOfflineLogger::KeepThreadBookkeeping(const PerLogThreadInfo& info) {
+    auto known = m_threadRegisterMap.find(info.threadId);
+    if (known == m_threadRegisterMap.end()) {
+        m_threadRegisterMap.emplace(info.threadId, info.segmentCnt);
+        m_flushedThreadList.push_back(info);
+    } else if (known->second != info.segmentCnt) {
+        known->second = info.segmentCnt;
+        m_flushedThreadList.push_back(info);
+    }
+    if (info.lastFlag != 1) return;
+    for (auto copy = m_flushedThreadList.begin(); copy != m_flushedThreadList.end(); ++copy) {
+        if (copy->segmentCnt == info.segmentCnt && copy->threadId == info.threadId) {
+            m_finishedThreadList.push_back(RecycleItemInfo{copy->sessionCnt, copy->segmentCnt,
+                                                           copy->fileSize, copy->path});
+            m_flushedThreadList.erase(copy);
+            break;
+        }
+    }
+}
+
+int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
+    // Held from the start, not only while writing: the session prefix and the pool's size are
+    // shared with concurrent flushes and with threads that grow the pool.
+    std::unique_lock<std::mutex> lock(*m_pOfflineLoggerLock);
+    if (m_memPool.empty()) return 2;
+    if (m_state.load() == kStateDisabled) return 2;
+    if (s_isInitValid.load() == 0) return 1;
+    try {
+        if (flushAll == 1) {
+            m_state.store(kStateClosing);
+            for (size_t i = 0; i < m_perLogInfoPool.size(); ++i) {
+                m_flushRequestIds.push_back(static_cast<int>(i));
+            }
+        }
+        if (m_prefixReady == 0) GetPrefixFilename();
+        if (m_statusDumpEnabled == 1) {
+            m_statusDumpFile = fopen((DeviceRoot() + "/Offlinelog_Dump.log").c_str(), "a+");
+            if (m_statusDumpFile != nullptr) {
+                m_statusFd = fileno(m_statusDumpFile);
+                DPrintF(m_statusFd,
+                        "+--------------------Offlinelogger Status-----------------------+\n");
+            }
+        }
+        const auto start = std::chrono::steady_clock::now();
+
+        if (flushAll == 0 && m_flushRequestCount < m_pConfigInfo->flushBatchSize) {
+            m_triggerOperation = 0;
+        } else {
+            m_triggerOperation = static_cast<uint32_t>(m_flushRequestIds.size());
+            const char* mode = m_loggerType == BinaryLog ? "ab+" : "a+";
+            while (!m_flushRequestIds.empty()) {
+                const int registerId = m_flushRequestIds.front();
+                if (registerId < 0 || static_cast<size_t>(registerId) >= m_perLogInfoPool.size()) {
+                    m_flushRequestIds.pop_front();
+                    continue;
+                }
+                PerLogThreadInfo& info = m_perLogInfoPool[registerId];
+                const bool write = info.flushRequested == 1 ||
+                                   (info.flushRequested == 0 && flushAll == 1 && info.logSize != 0);
+                if (!write) {
+                    m_flushRequestIds.pop_front();
+                    continue;
+                }
+                if (info.fileNameReady == 0) {
+                    auto it = m_perLogInfoPool.begin() + registerId;
+                    const std::string namePart = GenerateLogFileNameByOfflineLoggerType(&it);
+                    info.fileNameReady = 1;
+                    if (m_loggerType == OfflineLog) RecordTextFileName(namePart);
+                }
+                FILE* file = fopen(info.path.c_str(), mode);
+                if (file == nullptr) {
+                    // Kept with its bucket and request: a later flush of everything finds it.
+                    OFFLINE_LOGE("Offlinelog failed to open file and write");
+                    m_flushRequestIds.pop_front();
+                    continue;
+                }
+                const bool bucketKnown = info.bucketId < m_memPool.size();
+                if (bucketKnown) {
+                    const auto writeStart = std::chrono::steady_clock::now();
+                    fwrite(m_memPool[info.bucketId], 1, info.logSize, file);
+                    MonitorFileSystemHealth(MillisecondsSince(writeStart));
+                    // Only the written part can be non-zero: the rest was never touched.
+                    memset(m_memPool[info.bucketId], 0, info.logSize);
+                } else {
+                    OFFLINE_LOGE(
+                            "Exceed memory pool size, session: %d, pool size: %zu, "
+                            "RegisterId: %d",
+                            m_sessionCount.load(), m_memPool.size(), info.bucketId);
+                }
+                ++m_totalFlushCount;
+                m_totalFlushSizeMB += static_cast<float>(info.logSize) * kBytesToMB;
+                fclose(file);
+                if (m_loggerType == OfflineLog) KeepThreadBookkeeping(info);
+
+                info.flushRequested = 0;
+                info.fileNameReady = 0;
+                info.logSize = 0;
+                info.lastFlag = 0;
+                if (m_flushRequestCount > 0) --m_flushRequestCount;
+                m_freeBucketIds.push_back(static_cast<int>(info.bucketId));
+                m_freeRegisterIds.push_back(registerId);
+                m_flushRequestIds.pop_front();
+            }
+        }
+
+        if (backup == 1) BackupRecentModifyLog();
+        m_cleanupTriggerCount = 0;
+        if (flushAll == 0 && m_totalFlushSizeMB > static_cast<float>(m_maxFlushLogSizeThreshold) &&
+            m_loggerType == OfflineLog && m_cleanupTriggerLink != nullptr) {
+            m_cleanupTriggerLink(OfflineLog);
+        }
+        if (flushAll == 1) {
+            m_threadRegisterMap.clear();
+            m_sessionFlushState.store(1);
+            for (const PerLogThreadInfo& copy : m_flushedThreadList) {
+                m_recycleList.push_back(RecycleItemInfo{copy.sessionCnt, copy.segmentCnt,
+                                                        copy.fileSize, copy.path});
+            }
+            m_flushedThreadList.clear();
+            m_recycleList.splice(m_recycleList.end(), m_finishedThreadList);
+        }
+        // The last flush's duration, not a sum: the report shows what one flush costs.
+        m_totalFlushTimeMs = MillisecondsSince(start);
+        if (m_statusDumpEnabled == 1) DumpCurrentOfflineLogStatus();
+        if (flushAll == 1) {
+            m_totalFlushTimeMs = 0.0f;
+            m_totalFlushCount = 0;
+            m_removeSuccessCount = 0;
+            m_removeFailCount = 0;
+            m_requestMemoryCount = 0;
+        }
+    } catch (const std::bad_alloc&) {
+        OFFLINE_LOGE("VxCamOfflineLogger allocate memory failed");
+    }
+    if (m_statusDumpFile != nullptr) {
+        if (fflush(m_statusDumpFile) != 0) OFFLINE_LOGE("fflush operation for debug dump failed");
+        if (fclose(m_statusDumpFile) != 0) OFFLINE_LOGE("fclose operation for debug dump failed!");
+        // Forgotten once closed, so that turning the status dump off never reaches a closed file.
+        m_statusDumpFile = nullptr;
+        m_statusFd = -1;
+    }
+    return 0;
+}
+
+void VxCamOfflineLogger::FlushLogBySeperateThread() {
+    void (*trigger)(OfflineLoggerType) = m_flushTriggerLink.load(std::memory_order_acquire);
+    if (trigger != nullptr) trigger(m_loggerType);
+}
+
+// ---- Camera sessions and enablement -------------------------------------------------------------
+
+void VxCamOfflineLogger::NotifyCameraOpen() {
+    if (m_state.load() == kStateDisabled) return;
+    uint32_t openCount;
+    {
+        std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+        if (!IsValidType(m_loggerType)) return;
+        openCount = ++m_cameraOpenCount[m_loggerType];
+    }
+    if (openCount >= 2) {
+        OFFLINE_LOGE(
+                "VxCamOfflineLogger not support concurrent camera usecase and will be "
+                "disable!");
+        m_state.store(kStateDisabled);
+    }
+}
+
+void VxCamOfflineLogger::NotifyCameraClose() {
+    uint32_t state = m_state.load();
+    if (state == kStateDisabled) return;
+    const bool textOrBinary = m_loggerType == OfflineLog || m_loggerType == BinaryLog;
+    bool flush = false;
+    if (state == kStateActive) {
+        m_state.store(kStateClosing);
+        flush = textOrBinary;
+    }
+    // The guard goes up and the capture is shut out before the buckets are written, not after:
+    // no thread may copy into a bucket while the flush writes and recycles it. Lines that arrive
+    // meanwhile are dropped with a message, as during the rest of the close.
+    m_pThreadGuard->store(true);
+    {
+        ExclusiveHold threads(*m_pThreadLock);
+        if (flush) FlushLogToFile(1, 0);
+        if (textOrBinary) SetAllToDefaultValue();
+        {
+            std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+            if (IsValidType(m_loggerType) && m_cameraOpenCount[m_loggerType] != 0) {
+                --m_cameraOpenCount[m_loggerType];
+            }
+        }
+        m_sessionFlushState.store(0);
+        m_state.store(kStateActive);
+        m_sessionCount.fetch_add(1);
+        m_pThreadGuard->store(false);
+    }
+}
+
+void VxCamOfflineLogger::DisableOfflinelogger() {
+    if (m_state.exchange(kStateDisabled) == kStateDisabled) return;
+    // Threads already past the state test finish their line before the buckets go.
+    ExclusiveHold threads(*m_pThreadLock);
+    SetAllToDefaultValue();
+    std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+    for (unsigned char* bucket : m_memPool) free(bucket);
+    m_memPool.clear();
+    m_memPool.shrink_to_fit();
+    m_freeBucketIds.clear();
+}
+
+int VxCamOfflineLogger::IsEnableOfflinelogger() {
+    return m_state.load(std::memory_order_relaxed) == kStateDisabled ? 0 : 1;
+}
+
+int VxCamOfflineLogger::SetFlushTriggerLink(void (*trigger)(OfflineLoggerType)) {
+    if (trigger == nullptr) return 0;
+    m_flushTriggerLink.store(trigger, std::memory_order_release);
+    return 1;
+}
+
+int VxCamOfflineLogger::SetCleanupTriggerLink(void (*trigger)(OfflineLoggerType)) {
+    if (trigger == nullptr) return 0;
+    m_cleanupTriggerLink = trigger;
+    return 1;
+}
+
+void VxCamOfflineLogger::RequestBucketInPlace(unsigned int type) {
+    s_threadLocalQueuePoolId[type] =
+            RequestNewLogQueue(s_pThreadLocalLogBuffer[type], static_cast<unsigned int>(gettid()),
+                               static_cast<int>(s_threadLocalSegmentCnt[type]));
+    s_threadLocalLogCurPos[type] = 0;
+}
+
+void VxCamOfflineLogger::SetMultiPathMode(int mode) {
+    m_multiPathMode = static_cast<uint32_t>(mode);
+    if (mode == 0 && m_loggerType == CoredumpTxt) RequestBucketInPlace(CoredumpTxt);
+}
+
+// ---- Retention and disk space -------------------------------------------------------------------
+
+double VxCamOfflineLogger::GetAvailableSpace(const char* path) {
+    struct statvfs info = {};
+    if (path == nullptr || statvfs(path, &info) != 0) {
+        m_state.store(kStateDisabled);
+        OFFLINE_LOGE("Offlinelog failed to get file system information!");
+        return -1.0;
+    }
+    return static_cast<double>(info.f_bsize) * static_cast<double>(info.f_bavail) *
+           (1.0 / 1048576.0);
+}
+
+int VxCamOfflineLogger::MonitorFileSystemHealth(float fwriteTimeMs) {
+    m_fwriteTimeHistory.push_back(fwriteTimeMs);
+    if (m_fwriteTimeHistory.size() > 10) m_fwriteTimeHistory.pop_front();
+    if (m_fwriteSampleCount++ >= 10) {
+        double sum = 0.0;
+        for (float sample : m_fwriteTimeHistory) sum += sample;
+        m_fwriteTimeAvgMs =
+                static_cast<float>(sum / static_cast<double>(m_fwriteTimeHistory.size()));
+        m_fwriteSampleCount = 0;
+    }
+    return 0;
+}
+
+void VxCamOfflineLogger::RemoveOlderLogFiles() {
+    size_t recycleCount;
+    {
+        std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+        recycleCount = m_recycleList.size();
+    }
+    const uint32_t session = m_sessionCount.load();
+    const float limit = static_cast<float>(m_maxFlushLogSizeThreshold);
+    bool withinLimit;
+    size_t processed = 0;
+    if (recycleCount == 0) {
+        withinLimit = m_totalFlushSizeMB <= limit;
+    } else if (session < 3) {
+        withinLimit = false;
+    } else {
+        // Sessions before the previous one go, oldest first.
+        withinLimit = true;
+        for (auto record = m_recycleList.begin();
+             record != m_recycleList.end() && processed < recycleCount; ++record) {
+            if (record->sessionCnt > session - 2) {
+                withinLimit = m_totalFlushSizeMB <= limit;
+                break;
+            }
+            const bool removed = remove(record->fileName.c_str()) == 0;
+            m_totalFlushSizeMB -= static_cast<float>(record->fileSize) * kBytesToMB;
+            if (!removed) ++m_removeFailCount;
+            ++processed;
+        }
+    }
+    {
+        std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+        for (size_t i = 0; i < processed && !m_recycleList.empty(); ++i) m_recycleList.pop_front();
+    }
+
+    uint32_t finishedToDrop;
+    {
+        std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+        const float share = static_cast<float>(m_finishedThreadList.size()) * 0.3f;
+        finishedToDrop = static_cast<uint32_t>(ceilf(share));
+    }
+    if (!m_finishedThreadList.empty() && !withinLimit) {
+        const RecycleItemInfo& first = m_finishedThreadList.front();
+        if (first.sessionCnt == session) {
+            // Stays on the first record on purpose: its file goes once, its size every time.
+            for (uint32_t i = 0; i < finishedToDrop; ++i) {
+                if (remove(first.fileName.c_str()) == 0) ++m_removeSuccessCount;
+                m_totalFlushSizeMB -= static_cast<float>(first.fileSize) * kBytesToMB;
+            }
+        }
+    }
+    std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+    for (uint32_t i = 0; i < finishedToDrop && !m_finishedThreadList.empty(); ++i) {
+        m_finishedThreadList.pop_front();
+    }
+}
+
+// ---- Crash backup and core-dump settings --------------------------------------------------------
+
+int VxCamOfflineLogger::BackupRecentModifyLog() {
+    const std::string root = DeviceRoot();
+    const std::string folderName = "OfflineLog_CrashLog_" + GetCurrentTime();
+    char crashFolder[kPathSize];
+    char rootPath[kPathSize];
+    snprintf(crashFolder, sizeof(crashFolder), "%s/%s/", root.c_str(), folderName.c_str());
+    snprintf(rootPath, sizeof(rootPath), "%s/", root.c_str());
+    if (mkdir(crashFolder, 0777) != 0) {
+        OFFLINE_LOGE("Failed to copy Offlinelogger crash log to permanent folder!");
+        return 1;
+    }
+    while (!m_fileNameList.empty()) {
+        const std::string name = m_fileNameList.front();
+        m_fileNameList.pop_front();
+        m_fileNameSet.erase(name);
+        const std::string source = std::string(rootPath) + m_sessionFolderName + "/" + name;
+        const std::string destination = std::string(crashFolder) + name;
+        std::ifstream in(source, std::ios::binary);
+        std::ofstream out(destination, std::ios::binary);
+        if (in && out) out << in.rdbuf();
+    }
+    return 0;
+}
+
+int VxCamOfflineLogger::GetEnableBackupLogWhileCrash() {
+    return static_cast<int>(m_enableBackupLogWhileCrash);
+}
+
+int VxCamOfflineLogger::GetMinimumRequireForBackupLog() {
+    return static_cast<int>(m_minimumRequireForBackupLog);
+}
+
+int VxCamOfflineLogger::GetSignal35TombstoneTriggered() {
+    return static_cast<int>(m_signal35TombstoneTriggered);
+}
+
+void VxCamOfflineLogger::SetSignal35TombstoneTriggered() {
+    m_signal35TombstoneTriggered = 1;
+}
+
+int VxCamOfflineLogger::SetCoredumpPath(const char* path) {
+    if (path == nullptr) return 0;
+    if (m_multiPathMode == 0) {
+        m_coredumpPath = path;
+    } else if (m_multiPathMode == 1) {
+        m_multiPathCoredumpPath = path;
+        // The thread's next core-dump text goes to a registration that carries the new path.
+        if (m_loggerType == CoredumpTxt) RequestBucketInPlace(CoredumpTxt);
+    }
+    return 0;
+}
+
+void VxCamOfflineLogger::EnableCoredump() {
+    m_coredumpEnabled = 1;
+}
+
+void VxCamOfflineLogger::DisableCoredump() {
+    m_coredumpEnabled = 0;
+}
+
+int VxCamOfflineLogger::IsCoredumpEnabled() {
+    return static_cast<int>(m_coredumpEnabled);
+}
+
+// ---- Status report ------------------------------------------------------------------------------
+
+int VxCamOfflineLogger::DumpCurrentOfflineLogStatus() {
+    const int fd = m_statusFd;
+    if (m_triggerOperation != 0) {
+        DPrintF(fd, "  Session                          : %d   \n", m_sessionCount.load());
+        DPrintF(fd, "  Logger Type                      : %s   \n", m_loggerTypeName.c_str());
+        DPrintF(fd, "  Memory Pool Bucket (Total)       : %zu  \n", m_memPool.size());
+        DPrintF(fd, "  Memory Pool Bucket (Available)   : %zu  \n", m_freeBucketIds.size());
+        DPrintF(fd, "  Trigger operation                : TRUE \n");
+        DPrintF(fd, "  Fwrite time average (Last:%d)    : %fms \n", 10,
+                static_cast<double>(m_fwriteTimeAvgMs));
+        DPrintF(fd, "  Total Flush log size (MB)        : %f   \n",
+                static_cast<double>(m_totalFlushSizeMB));
+        DPrintF(fd, "  Maxium flush log size threadhold : %d   \n", m_maxFlushLogSizeThreshold);
+        DPrintF(fd, "  Total Flush Count                : %d   \n", m_totalFlushCount);
+        struct sysinfo memory = {};
+        sysinfo(&memory);
+        const unsigned long long unit = memory.mem_unit;
+        const long long virtualTotal =
+                static_cast<long long>((memory.totalram + memory.totalswap) * unit);
+        const long long virtualUsed = static_cast<long long>(
+                ((memory.totalram - memory.freeram) + (memory.totalswap - memory.freeswap)) * unit);
+        const long long physicalTotal = static_cast<long long>(memory.totalram * unit);
+        const size_t physicalUsed = static_cast<size_t>((memory.totalram - memory.freeram) * unit);
+        const float virtualPercent =
+                static_cast<float>(virtualUsed) / static_cast<float>(virtualTotal) * 100.0f;
+        const float physicalPercent =
+                static_cast<float>(physicalUsed) / static_cast<float>(physicalTotal) * 100.0f;
+        DPrintF(fd, "  Virtual Memory  (Total)          : %lld        \n", virtualTotal);
+        DPrintF(fd, "  Virtual Memory  (Used)           : %lld(%.2f%%)\n", virtualUsed,
+                static_cast<double>(virtualPercent));
+        DPrintF(fd, "  Physical Memory (Total)          : %lld        \n", physicalTotal);
+        DPrintF(fd, "  Physical Memory (Used)           : %zu(%.2f%%) \n", physicalUsed,
+                static_cast<double>(physicalPercent));
+        DPrintF(fd, "  Free space (MB)                  : %f   \n",
+                GetAvailableSpace(DeviceRoot().c_str()));
+        DPrintF(fd, "  Total remove files success       : %d   \n", m_removeSuccessCount);
+        DPrintF(fd, "  Total remove files failed        : %d   \n", m_removeFailCount);
+        DPrintF(fd, "  Trigger clean up operation       : %d   \n", m_cleanupTriggerCount);
+    } else {
+        DPrintF(fd, "  Trigger operation                : FALSE  \n");
+    }
+    DPrintF(fd, "  Total Request Memory Count       : %d   \n", m_requestMemoryCount);
+    DPrintF(fd, "  Total Flush time in this session : %fms \n",
+            static_cast<double>(m_totalFlushTimeMs));
+    return 0;
+}
+
+// ---- Entry table --------------------------------------------------------------------------------
+// Invalid types reach no logger: the functions return 0 or do nothing.
+
+int OfflinelogAddLogInterface(OfflineLoggerType type, const char* text) {
+    VxCamOfflineLogger* logger = CachedInstance(type);
+    if (logger == nullptr || text == nullptr) return 0;
+    return logger->AddLog(text, static_cast<unsigned int>(strlen(text)));
+}
+
+int OfflinelogFlushLogInterface(OfflineLoggerType type, int mode) {
+    VxCamOfflineLogger* logger = CachedInstance(type);
+    return logger != nullptr ? logger->FlushLogToFile(mode, 0) : 0;
+}
+
+void OfflinelogNoticeCameraOpenInterface(OfflineLoggerType type) {
+    if (VxCamOfflineLogger* logger = CachedInstance(type)) logger->NotifyCameraOpen();
+}
+
+void OfflinelogNoticeCameraCloseInterface(OfflineLoggerType type) {
+    if (VxCamOfflineLogger* logger = CachedInstance(type)) logger->NotifyCameraClose();
+}
+
+void OfflinelogDisableInterface(OfflineLoggerType type) {
+    if (VxCamOfflineLogger* logger = CachedInstance(type)) logger->DisableOfflinelogger();
+}
+
+int OfflinelogIsEnableInterface(OfflineLoggerType type) {
+    VxCamOfflineLogger* logger = CachedInstance(type);
+    return logger != nullptr ? logger->IsEnableOfflinelogger() : 0;
+}
+
+int OfflinelogLinkFlushTriggerInterface(OfflineLoggerType type, void (*trigger)(OfflineLoggerType)) {
+    VxCamOfflineLogger* logger = CachedInstance(type);
+    return logger != nullptr ? logger->SetFlushTriggerLink(trigger) : 0;
+}
+
+int OfflinelogGetSettingInterface(OfflineLoggerType type) {
+    VxCamOfflineLogger* logger = CachedInstance(type);
+    return logger != nullptr ? logger->GetSettingLink() : 0;
+}
+
+int OfflinelogSetCleanupTriggerLink(OfflineLoggerType type, void (*trigger)(OfflineLoggerType)) {
+    VxCamOfflineLogger* logger = CachedInstance(type);
+    return logger != nullptr ? logger->SetCleanupTriggerLink(trigger) : 0;
+}
+
+int OfflinelogCleanupOlderLogFileInterface(OfflineLoggerType type) {
+    if (VxCamOfflineLogger* logger = CachedInstance(type)) logger->RemoveOlderLogFiles();
+    return 0;
+}
+
+int OfflinelogSetCoredumpPathInterface(OfflineLoggerType type, const char* path) {
+    VxCamOfflineLogger* logger = CachedInstance(type);
+    return logger != nullptr ? logger->SetCoredumpPath(path) : 0;
+}
+
+int OfflinelogEnableCoredumpInterface(OfflineLoggerType type) {
+    if (VxCamOfflineLogger* logger = CachedInstance(type)) logger->EnableCoredump();
+    return 0;
+}
+
+int OfflinelogDisableCoredumpInterface(OfflineLoggerType type) {
+    if (VxCamOfflineLogger* logger = CachedInstance(type)) logger->DisableCoredump();
+    return 0;
+}
+
+int OfflinelogIsCoredumpEnabledInterface(OfflineLoggerType type) {
+    VxCamOfflineLogger* logger = CachedInstance(type);
+    return logger != nullptr ? logger->IsCoredumpEnabled() : 0;
+}
+
+int OfflinelogSetMultiPathModeInterface(OfflineLoggerType type, int mode) {
+    if (VxCamOfflineLogger* logger = CachedInstance(type)) logger->SetMultiPathMode(mode);
+    return 0;
+}
+
+int OfflinelogCleanupMemPoolInterface(OfflineLoggerType type) {
+    if (VxCamOfflineLogger* logger = CachedInstance(type)) logger->CleanupMemoryPool();
+    return 0;
+}
+
+}  // namespace VxCam
+
+extern "C" void ChiOfflineLogEntry(VxCam::OfflineLogEntryTable* table) {
+    using namespace VxCam;
+    if (table == nullptr) return;
+    table->size = sizeof(OfflineLogEntryTable);
+    table->padding = 0;
+    table->addLog = OfflinelogAddLogInterface;
+    table->flushLog = OfflinelogFlushLogInterface;
+    table->noticeCameraOpen = OfflinelogNoticeCameraOpenInterface;
+    table->noticeCameraClose = OfflinelogNoticeCameraCloseInterface;
+    table->disable = OfflinelogDisableInterface;
+    table->isEnable = OfflinelogIsEnableInterface;
+    table->linkFlushTrigger = OfflinelogLinkFlushTriggerInterface;
+    table->getSetting = OfflinelogGetSettingInterface;
+    table->setCleanupTrigger = OfflinelogSetCleanupTriggerLink;
+    table->cleanupOlderLogFile = OfflinelogCleanupOlderLogFileInterface;
+    table->setCoredumpPath = OfflinelogSetCoredumpPathInterface;
+    table->enableCoredump = OfflinelogEnableCoredumpInterface;
+    table->disableCoredump = OfflinelogDisableCoredumpInterface;
+    table->isCoredumpEnabled = OfflinelogIsCoredumpEnabledInterface;
+    table->setMultiPathMode = OfflinelogSetMultiPathModeInterface;
+    table->cleanupMemPool = OfflinelogCleanupMemPoolInterface;
+}

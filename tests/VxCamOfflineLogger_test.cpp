@@ -1,0 +1,505 @@
+// The offline logger: capture boundaries, flushing and file naming, sessions, the pool, the entry
+// table. Loggers under test are derived instances with small buckets; every test logs from fresh
+// threads, since the capture keeps its state per thread and per type.
+#include "VxCamOfflineLogger.h"
+
+#include <dlfcn.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <regex>
+#include <set>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "TestSupport.h"
+
+using namespace VxCam;
+namespace fs = std::filesystem;
+
+// Records the mode of every file the library opens under a test root.
+namespace {
+std::mutex g_openMutex;
+std::map<std::string, std::string> g_openModes;
+}  // namespace
+
+extern "C" FILE* fopen(const char* path, const char* mode) {
+    using Fopen = FILE* (*)(const char*, const char*);
+    static Fopen real = reinterpret_cast<Fopen>(dlsym(RTLD_NEXT, "fopen"));
+    if (path != nullptr && strstr(path, "vxcamtest.") != nullptr) {
+        std::lock_guard<std::mutex> lock(g_openMutex);
+        g_openModes[path] = mode;
+    }
+    return real(path, mode);
+}
+
+namespace {
+
+constexpr const char kT1[] = "2026-11-21--10-00-00-000001";
+
+// Constructed before the logger, which reads its configuration at once.
+struct ConfigHolder {
+    OfflineLoggerConfigInfo m_config;
+};
+
+class TestLogger : private ConfigHolder, public VxCamOfflineLogger {
+  public:
+    TestLogger(OfflineLoggerType type, OfflineLoggerConfigInfo config)
+        : ConfigHolder{config}, VxCamOfflineLogger(type, &m_config) {}
+
+    using VxCamOfflineLogger::AllocateLogQueueMemPool;
+    using VxCamOfflineLogger::m_fileNameList;
+    using VxCamOfflineLogger::m_fileNameSet;
+    using VxCamOfflineLogger::m_flushRequestIds;
+    using VxCamOfflineLogger::m_freeBucketIds;
+    using VxCamOfflineLogger::m_memPool;
+    using VxCamOfflineLogger::m_perLogInfoPool;
+    using VxCamOfflineLogger::m_sessionCount;
+    using VxCamOfflineLogger::m_sessionFolderName;
+    using VxCamOfflineLogger::m_triggerOperation;
+    using VxCamOfflineLogger::SetAllToDefaultValue;
+
+    double GetAvailableSpace(const char* path) override {
+        return m_freeMB < 0 ? VxCamOfflineLogger::GetAvailableSpace(path) : m_freeMB;
+    }
+    std::string GetCurrentTime() override { return kT1; }
+    void RequestFlushLogQueue(int registerId, int lastFlag) override {
+        {
+            std::lock_guard<std::mutex> lock(m_callsMutex);
+            m_flushCalls.push_back({registerId, lastFlag});
+        }
+        VxCamOfflineLogger::RequestFlushLogQueue(registerId, lastFlag);
+    }
+
+    std::vector<std::pair<int, int>> FlushCalls() {
+        std::lock_guard<std::mutex> lock(m_callsMutex);
+        return m_flushCalls;
+    }
+    uint32_t Session() const { return m_sessionCount.load(); }
+
+    double m_freeMB = 100000.0;
+
+  private:
+    std::mutex m_callsMutex;
+    std::vector<std::pair<int, int>> m_flushCalls;
+};
+
+// Runs `body` on a new thread and returns that thread's kernel id.
+pid_t OnNewThread(const std::function<void()>& body) {
+    pid_t tid = 0;
+    std::thread([&] {
+        tid = gettid();
+        body();
+    }).join();
+    return tid;
+}
+
+std::string Line(const char* tag, int n, size_t width = 16) {
+    std::string line = std::string(tag) + "-" + std::to_string(n);
+    line.resize(width - 1, '.');
+    return line + "\n";
+}
+
+class OfflineLoggerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        setenv("VXCAM_SYSROOT", m_root.Path().c_str(), 1);
+        fs::create_directories(Camera());
+        VxCamOfflineLogger::GetInstance(OfflineLog);  // the logger set exists
+    }
+    std::string Camera() const { return m_root / "data/vendor/camera"; }
+    std::string Folder() const { return Camera() + "/VxCam_OfflineLog_" + kT1; }
+
+    // Every file of the session folder, by name.
+    std::map<std::string, std::string> Files() const {
+        std::map<std::string, std::string> files;
+        if (!fs::exists(Folder())) return files;
+        for (const auto& entry : fs::directory_iterator(Folder())) {
+            files[entry.path().filename().string()] = vxcamtest::ReadFile(entry.path().string());
+        }
+        return files;
+    }
+
+    vxcamtest::TempDir m_root;
+};
+
+const OfflineLoggerConfigInfo kSmall = {4, 4, 1, 64};
+
+TEST_F(OfflineLoggerTest, FilesAreNamedByTypeThreadSessionAndSegment) {
+    for (OfflineLoggerType type : {OfflineLog, BinaryLog}) {
+        SCOPED_TRACE(type);
+        TestLogger logger(type, kSmall);
+        std::string expected;
+        const pid_t tid = OnNewThread([&] {
+            for (int i = 0; i < 10; ++i) {  // 160 bytes: three buckets of one file
+                const std::string line = Line("n", i);
+                expected += line;
+                ASSERT_EQ(logger.AddLog(line.data(), line.size()), 0);
+            }
+        });
+        ASSERT_EQ(logger.FlushLogToFile(1, 0), 0);
+
+        const std::string typeName = type == OfflineLog ? "OfflineLog" : "BinaryLog";
+        const std::regex name("VxCam_" + typeName +
+                              "_\\d{4}-\\d\\d-\\d\\d--\\d\\d-\\d\\d-\\d\\d-\\d{6}__Tid" +
+                              std::to_string(tid) + "_Session1_Segment1\\." +
+                              (type == OfflineLog ? "txt" : "bin"));
+        const auto files = Files();
+        ASSERT_EQ(files.size(), 1u);
+        EXPECT_TRUE(std::regex_match(files.begin()->first, name)) << files.begin()->first;
+        EXPECT_EQ(files.begin()->second, expected);
+        std::lock_guard<std::mutex> lock(g_openMutex);
+        EXPECT_EQ(g_openModes[Folder() + "/" + files.begin()->first],
+                  type == OfflineLog ? "a+" : "ab+");
+        fs::remove_all(Folder());
+    }
+}
+
+TEST_F(OfflineLoggerTest, TextFileNamesAreRecordedAndTheListIsBounded) {
+    TestLogger logger(OfflineLog, kSmall);
+    logger.GetSettingLink();  // list bound 200
+    for (int i = 0; i < 202; ++i) {
+        OnNewThread([&] { logger.AddLog("x\n", 2); });  // exit hands the bucket over
+        logger.FlushLogToFile(0, 0);
+    }
+    EXPECT_EQ(logger.m_fileNameList.size(), 201u);
+    EXPECT_EQ(logger.m_fileNameSet.size(), 202u);
+    EXPECT_EQ(logger.m_fileNameList.front().rfind("VxCam_OfflineLog_", 0), 0u);
+    EXPECT_NE(logger.m_fileNameList.front().find("__Tid"), std::string::npos);
+}
+
+TEST_F(OfflineLoggerTest, CaptureBoundaries) {
+    TestLogger logger(OfflineLog, kSmall);
+    OnNewThread([&] {
+        const std::string fill(63, 'a');
+        logger.AddLog((fill + "\n").c_str(), 64);  // exactly one bucket
+        EXPECT_TRUE(logger.FlushCalls().empty());
+        ASSERT_EQ(logger.m_perLogInfoPool.size(), 1u);
+        EXPECT_EQ(logger.m_perLogInfoPool[0].logSize, 64u);
+
+        logger.AddLog("b\n", 2);  // one byte more than the bucket holds
+        ASSERT_EQ(logger.FlushCalls().size(), 1u);
+        EXPECT_EQ(logger.FlushCalls()[0], std::make_pair(0, 0));
+        EXPECT_EQ(logger.m_perLogInfoPool[1].logSize, 2u);
+        EXPECT_EQ(logger.m_perLogInfoPool[1].fileSize, 66u);  // same file goes on
+
+        // A stated length beyond the terminator is cut to the line.
+        const char overstated[] = "c\n\0garbage";
+        logger.AddLog(overstated, 500);
+        EXPECT_EQ(logger.m_perLogInfoPool[1].logSize, 4u);
+        // A text longer than a bucket keeps the bucket's worth.
+        const std::string huge(200, 'h');
+        logger.AddLog(huge.c_str(), huge.size());
+        EXPECT_EQ(logger.m_perLogInfoPool[2].logSize, 64u);
+    });
+    logger.FlushLogToFile(1, 0);
+    const auto files = Files();
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(files.begin()->second, std::string(63, 'a') + "\nb\nc\n" + std::string(64, 'h'));
+}
+
+TEST_F(OfflineLoggerTest, SegmentEndsOnTheFirstLineThatFitsAfter50MiB) {
+    constexpr uint32_t kBucket = 1 << 20;
+    TestLogger logger(OfflineLog, {2, 2, 1, kBucket});
+    const std::string half(kBucket / 2 - 1, 's');
+    OnNewThread([&] {
+        // 100 half-bucket lines make exactly 50 MiB; the 101st starts a bucket (not a segment);
+        // the 102nd fits that bucket and is the first of segment 2.
+        for (int i = 0; i < 102; ++i) {
+            const std::string line = half + static_cast<char>('0' + i % 10);
+            logger.AddLog(line.data(), line.size());
+            logger.FlushLogToFile(0, 0);
+        }
+    });
+    const auto calls = logger.FlushCalls();
+    ASSERT_GE(calls.size(), 51u);
+    EXPECT_EQ(std::count_if(calls.begin(), calls.end(), [](auto c) { return c.second == 1; }), 1);
+    EXPECT_EQ(calls[50].second, 1);  // line 102 hands over segment 1's last bucket
+
+    logger.FlushLogToFile(1, 0);
+    std::map<std::string, size_t> sizes;
+    for (const auto& [name, text] : Files()) {
+        sizes[name.substr(name.find("_Segment"))] = text.size();
+        EXPECT_EQ(text.back(), name.find("Segment1") != std::string::npos ? '0' : '1') << name;
+    }
+    EXPECT_EQ(sizes["_Segment1.txt"], 101u * kBucket / 2);
+    EXPECT_EQ(sizes["_Segment2.txt"], kBucket / 2);
+}
+
+TEST_F(OfflineLoggerTest, NormalFlushWaitsForItsBatch) {
+    TestLogger logger(OfflineLog, {4, 4, 3, 64});
+    ASSERT_EQ(logger.FlushLogToFile(0, 0), 2);  // no pool yet
+    OnNewThread([&] { logger.AddLog("a\n", 2); });
+    OnNewThread([&] { logger.AddLog("b\n", 2); });
+    EXPECT_EQ(logger.FlushLogToFile(0, 0), 0);
+    EXPECT_EQ(logger.m_triggerOperation, 0u);
+    EXPECT_TRUE(Files().empty());
+    OnNewThread([&] { logger.AddLog("c\n", 2); });
+    EXPECT_EQ(logger.FlushLogToFile(0, 0), 0);
+    EXPECT_EQ(logger.m_triggerOperation, 3u);
+    EXPECT_EQ(Files().size(), 3u);
+}
+
+TEST_F(OfflineLoggerTest, ThreadExitHandsOverTextAndBinaryBucketsOnly) {
+    for (OfflineLoggerType type : {OfflineLog, BinaryLog, CoredumpTxt, CoredumpBin}) {
+        SCOPED_TRACE(type);
+        TestLogger logger(type, kSmall);
+        OnNewThread([&] { logger.AddLog("last words\n", 11); });
+        const bool handedOver = type == OfflineLog || type == BinaryLog;
+        EXPECT_EQ(logger.FlushCalls().size(), handedOver ? 1u : 0u);
+        if (handedOver) {
+            EXPECT_EQ(logger.FlushCalls()[0], std::make_pair(0, 0));
+        }
+    }
+    // Written by the next batch, with nothing lost.
+    TestLogger logger(OfflineLog, kSmall);
+    OnNewThread([&] { logger.AddLog("last words\n", 11); });
+    logger.FlushLogToFile(0, 0);
+    ASSERT_EQ(Files().size(), 1u);
+    EXPECT_EQ(Files().begin()->second, "last words\n");
+}
+
+TEST_F(OfflineLoggerTest, CameraSessions) {
+    TestLogger logger(OfflineLog, kSmall);
+    logger.NotifyCameraOpen();
+    const pid_t first = OnNewThread([&] { logger.AddLog("one\n", 4); });
+    logger.NotifyCameraClose();
+    EXPECT_EQ(logger.Session(), 2u);
+    EXPECT_EQ(logger.IsEnableOfflinelogger(), 1);
+    logger.NotifyCameraOpen();
+    const pid_t second = OnNewThread([&] { logger.AddLog("two\n", 4); });
+    logger.NotifyCameraClose();
+
+    // One folder per session; each thread's file carries its session.
+    std::set<std::string> names;
+    for (const auto& entry : fs::recursive_directory_iterator(Camera())) {
+        if (entry.is_regular_file()) names.insert(entry.path().filename().string());
+    }
+    ASSERT_EQ(names.size(), 2u);
+    const std::string endings[] = {"__Tid" + std::to_string(first) + "_Session1_Segment1.txt",
+                                   "__Tid" + std::to_string(second) + "_Session2_Segment1.txt"};
+    for (const std::string& ending : endings) {
+        EXPECT_TRUE(std::any_of(names.begin(), names.end(), [&](const std::string& name) {
+            return name.size() > ending.size() &&
+                   name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
+        })) << ending;
+    }
+
+    // A second camera at once switches the logger off for good.
+    vxcamtest::LogCapture log;
+    logger.NotifyCameraOpen();
+    logger.NotifyCameraOpen();
+    EXPECT_EQ(logger.IsEnableOfflinelogger(), 0);
+    logger.NotifyCameraClose();
+    EXPECT_EQ(logger.Session(), 3u);
+    EXPECT_EQ(logger.AddLog("x\n", 2), 2);
+    const auto messages = log.Messages();
+    EXPECT_TRUE(std::any_of(messages.begin(), messages.end(), [](const std::string& m) {
+        return std::regex_match(m, std::regex("NotifyCameraOpen\\(\\):\\d+ VxCamOfflineLogger not "
+                                              "support concurrent camera usecase and will be "
+                                              "disable!\n"));
+    }));
+}
+
+TEST_F(OfflineLoggerTest, CoreDumpTypesKeepTheirBucketsAcrossAClose) {
+    TestLogger logger(CoredumpBin, {0, 2, 1, 64});
+    OnNewThread([&] { logger.AddLog("core\n", 5); });
+    logger.NotifyCameraOpen();
+    logger.NotifyCameraClose();
+    EXPECT_EQ(logger.Session(), 2u);
+    EXPECT_EQ(logger.m_memPool.size(), 2u);
+    ASSERT_EQ(logger.m_perLogInfoPool.size(), 1u);
+    EXPECT_EQ(logger.m_perLogInfoPool[0].logSize, 5u);
+}
+
+// Eight threads log while the camera closes and reopens under them. Every line whose AddLog did
+// not overlap a close must land, once, in order, in its thread's file.
+TEST_F(OfflineLoggerTest, CloseWhileThreadsLog) {
+    TestLogger logger(OfflineLog, {4, 4, 2, 4096});
+    std::atomic<uint32_t> closeEpoch{0};  // odd while a close runs
+    std::atomic<bool> stop{false};
+    constexpr int kThreads = 8;
+    std::vector<std::vector<int>> mayDrop(kThreads);
+    std::vector<int> logged(kThreads);
+    std::vector<std::thread> threads;
+    vxcamtest::LogCapture quiet;  // one "skipped" message per line dropped during a close
+    logger.NotifyCameraOpen();
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int seq = 0; !stop.load() || seq < 2000; ++seq) {
+                char line[64];
+                const int length = snprintf(line, sizeof(line), "t%d s%07d\n", t, seq);
+                const uint32_t before = closeEpoch.load();
+                logger.AddLog(line, length);
+                if (before % 2 != 0 || closeEpoch.load() != before) mayDrop[t].push_back(seq);
+                logged[t] = seq + 1;
+                if (seq > 200000) break;
+            }
+        });
+    }
+    for (int i = 0; i < 4; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        closeEpoch.fetch_add(1);
+        logger.NotifyCameraClose();
+        closeEpoch.fetch_add(1);
+        logger.NotifyCameraOpen();
+        logger.FlushLogToFile(0, 0);
+    }
+    stop = true;
+    for (std::thread& thread : threads) thread.join();
+    logger.NotifyCameraClose();
+
+    std::vector<std::vector<int>> landed(kThreads);
+    for (const auto& entry : fs::recursive_directory_iterator(Camera())) {
+        if (!entry.is_regular_file()) continue;
+        std::istringstream text(vxcamtest::ReadFile(entry.path().string()));
+        std::string line;
+        int owner = -1;
+        while (std::getline(text, line)) {
+            int t = -1, seq = -1;
+            ASSERT_EQ(sscanf(line.c_str(), "t%d s%d", &t, &seq), 2) << "torn line: " << line;
+            ASSERT_TRUE(t >= 0 && t < kThreads);
+            if (owner < 0) owner = t;
+            ASSERT_EQ(t, owner) << "two threads in one file";
+            landed[t].push_back(seq);
+        }
+    }
+    for (int t = 0; t < kThreads; ++t) {
+        std::sort(landed[t].begin(), landed[t].end());
+        EXPECT_EQ(std::adjacent_find(landed[t].begin(), landed[t].end()), landed[t].end())
+                << "a line landed twice";
+        size_t lost = 0;
+        for (int seq = 0; seq < logged[t]; ++seq) {
+            if (!std::binary_search(landed[t].begin(), landed[t].end(), seq) &&
+                !std::binary_search(mayDrop[t].begin(), mayDrop[t].end(), seq)) {
+                ++lost;
+            }
+        }
+        EXPECT_EQ(lost, 0u) << "thread " << t << " of " << logged[t] << " lines";
+    }
+}
+
+TEST_F(OfflineLoggerTest, PoolGrowsByStepAndReusesIdsInOrder) {
+    TestLogger logger(CoredumpBin, {0, 2, 1, 64});
+    unsigned char* buffer = nullptr;
+    EXPECT_EQ(logger.AllocateLogQueueMemPool(0, 64), 1);
+    EXPECT_EQ(logger.RequestNewLogQueue(buffer, 1, 0), 0);
+    EXPECT_EQ(buffer, logger.m_memPool[0]);
+    EXPECT_EQ(logger.m_memPool.size(), 2u);
+    EXPECT_EQ(logger.RequestNewLogQueue(buffer, 2, 0), 1);
+    EXPECT_EQ(buffer, logger.m_memPool[1]);
+    EXPECT_EQ(logger.RequestNewLogQueue(buffer, 3, 0), 2);
+    EXPECT_EQ(logger.m_memPool.size(), 4u);
+
+    // Written registrations come back first in, first out.
+    logger.SetCoredumpPath((m_root / "core.bin").c_str());
+    logger.RequestFlushLogQueue(1, 0);
+    logger.RequestFlushLogQueue(0, 0);
+    logger.FlushLogToFile(0, 0);
+    EXPECT_EQ(logger.RequestNewLogQueue(buffer, 4, 0), 1);
+    EXPECT_EQ(buffer, logger.m_memPool[3]);  // bucket 3 was free before 1 and 0
+    EXPECT_EQ(logger.RequestNewLogQueue(buffer, 5, 0), 0);
+
+    logger.CleanupMemoryPool();
+    EXPECT_EQ(logger.Session(), 2u);
+    EXPECT_TRUE(logger.m_memPool.empty());
+    EXPECT_EQ(logger.RequestNewLogQueue(buffer, 6, 0), 0);
+    EXPECT_EQ(logger.m_memPool.size(), 2u);
+
+    logger.AllocateLogQueueMemPool(3, 64);
+    logger.SetAllToDefaultValue();
+    EXPECT_EQ(std::vector<int>(logger.m_freeBucketIds.begin(), logger.m_freeBucketIds.end()),
+              std::vector<int>({0, 1, 2, 3, 4}));
+    EXPECT_TRUE(logger.m_perLogInfoPool.empty());
+}
+
+TEST_F(OfflineLoggerTest, StartNeedsSpace) {
+    vxcamtest::LogCapture log;
+    TestLogger logger(OfflineLog, kSmall);
+    logger.m_freeMB = 2999.9;
+    EXPECT_EQ(logger.GetSettingLink(), 0);
+    EXPECT_EQ(vxcamtest::ReadFile(Camera() + "/VxCam_OfflineLog_ErrorMsg.txt"),
+              "VxCamOfflineLogger detect file system has no space left");
+    logger.m_freeMB = 3000.0;
+    EXPECT_EQ(logger.GetSettingLink(), 1);
+    EXPECT_TRUE(logger.m_memPool.empty());  // text logs get their pool on first use
+
+    TestLogger core(CoredumpTxt, {2, 2, 1, 64});
+    EXPECT_EQ(core.GetSettingLink(), 1);
+    EXPECT_EQ(core.m_memPool.size(), 2u);
+
+    // A file system that cannot be asked switches the logger off.
+    TestLogger lost(OfflineLog, kSmall);
+    lost.m_freeMB = -1.0;
+    setenv("VXCAM_SYSROOT", (m_root / "missing").c_str(), 1);
+    EXPECT_EQ(lost.GetSettingLink(), 0);
+    EXPECT_EQ(lost.IsEnableOfflinelogger(), 0);
+}
+
+TEST_F(OfflineLoggerTest, InstancesAndEntryTable) {
+    EXPECT_EQ(VxCamOfflineLogger::GetInstance(static_cast<OfflineLoggerType>(4)), nullptr);
+    std::set<VxCamOfflineLogger*> instances;
+    for (uint32_t t = 0; t < 4; ++t) {
+        instances.insert(VxCamOfflineLogger::GetInstance(static_cast<OfflineLoggerType>(t)));
+    }
+    EXPECT_EQ(instances.size(), 4u);
+    EXPECT_EQ(instances.count(nullptr), 0u);
+
+    ChiOfflineLogEntry(nullptr);
+    OfflineLogEntryTable table;
+    memset(&table, 0xA5, sizeof(table));
+    ChiOfflineLogEntry(&table);
+    EXPECT_EQ(table.size, 136u);
+    EXPECT_EQ(table.addLog, &OfflinelogAddLogInterface);
+    EXPECT_EQ(table.cleanupMemPool, &OfflinelogCleanupMemPoolInterface);
+    const OfflineLoggerType invalid = static_cast<OfflineLoggerType>(4);
+    EXPECT_EQ(table.cleanupOlderLogFile(invalid), 0);
+    EXPECT_EQ(table.setCoredumpPath(invalid, "/x"), 0);
+    EXPECT_EQ(table.enableCoredump(invalid), 0);
+    EXPECT_EQ(table.disableCoredump(invalid), 0);
+    EXPECT_EQ(table.isCoredumpEnabled(invalid), 0);
+    EXPECT_EQ(table.setMultiPathMode(invalid, 1), 0);
+    EXPECT_EQ(table.cleanupMemPool(invalid), 0);
+
+    table.enableCoredump(CoredumpBin);
+    EXPECT_EQ(table.isCoredumpEnabled(CoredumpBin), 1);
+    EXPECT_EQ(table.linkFlushTrigger(CoredumpBin, nullptr), 0);
+}
+
+// The debug frame hands a time-stamped copy of each passed message to the default logger.
+TEST_F(OfflineLoggerTest, DebugFrameFeedsTheDefaultLogger) {
+    VxCamOfflineLogger* logger = VxCamOfflineLogger::GetInstance(OfflineLog);
+    const DebugLogInfo saved = g_logInfo;
+    g_logInfo.offlineLogEnable = 1;
+    g_logInfo.infoMask = 0xFFFFFFFF;
+    const pid_t tid = OnNewThread([] {
+        Log::LogSystem(1, "I", 4, "%s", "hello offline");
+        Log::LogSystem(1, "I", 4, "%s", std::string(2000, 'L').c_str());
+    });
+    g_logInfo = saved;
+    logger->FlushLogToFile(1, 0);
+
+    std::string text;
+    for (const auto& entry : fs::recursive_directory_iterator(Camera())) {
+        if (entry.path().string().find("__Tid" + std::to_string(tid) + "_") != std::string::npos)
+            text = vxcamtest::ReadFile(entry.path().string());
+    }
+    const std::regex first("\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d:\\d{9} +\\d+ +" +
+                           std::to_string(tid) + " I VxCam: hello offline\n");
+    const size_t end = text.find('\n');
+    ASSERT_NE(end, std::string::npos);
+    EXPECT_TRUE(std::regex_match(text.substr(0, end + 1), first)) << text.substr(0, end + 1);
+    // The long message is cut to the line buffer: 1023 characters, no line end.
+    EXPECT_EQ(text.size() - end - 1, 1023u);
+}
+
+}  // namespace
