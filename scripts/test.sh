@@ -29,3 +29,11 @@ cmake --build build-tsan -j"$jobs" --target VxCamOfflineLogger_test vxcamctl
 echo "== offline logger tests under ThreadSanitizer"
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
     ctest --test-dir build-tsan --output-on-failure -j"$jobs" -R '^VxCamOfflineLogger_test\.'
+echo "== vxcamctl session under ThreadSanitizer: closes while 8 threads log"
+tsan_root=$(mktemp -d)
+trap 'rm -rf "$tsan_root"' EXIT
+mkdir -p "$tsan_root/data/vendor/camera" "$tsan_root/vendor"
+echo "vendor.camera.vcf.LogOfflineEnable=1" >"$tsan_root/vendor/build.prop"
+TSAN_OPTIONS=halt_on_error=1 ANDROID_LOG_TAGS='*:s' \
+    build-tsan/tools/vxcamctl session --sysroot "$tsan_root" --threads 8 --lines 20000 \
+    --sessions 2 --close-while-logging --quiet | tail -2

@@ -100,6 +100,8 @@ TEST(VxcamctlUsage, HelpAndErrors) {
             {{"settings", "--bogus"}, "unexpected argument '--bogus'"},
             {{"settings", "--check"}, "--check needs a value"},
             {{"settings", "--sysroot", "/no/such/sysroot"}, "is not a directory"},
+            {{"session", "--threads", "0"}, "--threads needs a number from 1 to 1024"},
+            {{"session", "--library", "/no/such.so"}, "cannot load /no/such.so"},
     };
     for (const Case& c : cases) {
         const ProcessResult result = RunVxcamctl(c.arguments);
@@ -118,6 +120,22 @@ TEST(VxcamctlSettings, ShowsTheDefaultBesideAnOverriddenValue) {
               std::string::npos)
             << result.out;
     EXPECT_NE(result.out.find("LogEnable                      Integer    1\n"), std::string::npos);
+}
+
+// A camera host's run through the entry table, with closes under way while threads log and a
+// share of lines through the debug frame: every line is accounted for.
+TEST(VxcamctlSession, AccountsForEveryLine) {
+    TempDir sysroot;
+    sysroot.Write("data/vendor/camera/.keep", "");
+    sysroot.Write("vendor/build.prop", "vendor.camera.vcf.LogOfflineEnable=1\n");
+    const ProcessResult result = RunVxcamctl({"session", "--sysroot", sysroot.Path(), "--threads",
+                                              "3", "--lines", "3000", "--sessions", "2",
+                                              "--close-while-logging", "--logsystem-every", "3"});
+    EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+    EXPECT_NE(result.out.find("result: no loss"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("total: logged 18000, landed "), std::string::npos) << result.out;
+    EXPECT_EQ(result.out.find("no debug-frame lines"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("__Tid"), std::string::npos) << result.out;
 }
 
 }  // namespace

@@ -18,6 +18,8 @@ struct Command {
 const Command kCommands[] = {
         {"settings", "print the settings as the library loaded them, or lint an override file",
          vxcamctl::RunSettings},
+        {"session", "run camera sessions through the offline-log entry table and check the files",
+         vxcamctl::RunSession},
 };
 
 void PrintUsage(FILE* out) {
