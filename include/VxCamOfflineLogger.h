@@ -130,6 +130,8 @@ class VXCAM_API VxCamOfflineLogger {
     virtual ~VxCamOfflineLogger();
 
   protected:
+    // For derived loggers, which must outlive every thread that logged to them: a thread hands
+    // its bucket back to its logger when it exits.
     VxCamOfflineLogger(OfflineLoggerType type, const OfflineLoggerConfigInfo* config);
 
     virtual std::string GetPrefixFilename();

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <map>
 #include <mutex>
 #include <regex>
@@ -271,28 +272,35 @@ TEST_F(OfflineLoggerTest, ThreadExitHandsOverTextAndBinaryBucketsOnly) {
 TEST_F(OfflineLoggerTest, CameraSessions) {
     TestLogger logger(OfflineLog, kSmall);
     logger.NotifyCameraOpen();
-    const pid_t first = OnNewThread([&] { logger.AddLog("one\n", 4); });
+    // One thread logs in both sessions: after the close it registers afresh.
+    std::promise<void> closed, loggedFirst;
+    pid_t same = 0;
+    std::thread worker([&] {
+        same = gettid();
+        logger.AddLog("one\n", 4);
+        loggedFirst.set_value();
+        closed.get_future().wait();
+        logger.AddLog("two\n", 4);
+    });
+    loggedFirst.get_future().wait();
     logger.NotifyCameraClose();
     EXPECT_EQ(logger.Session(), 2u);
     EXPECT_EQ(logger.IsEnableOfflinelogger(), 1);
     logger.NotifyCameraOpen();
-    const pid_t second = OnNewThread([&] { logger.AddLog("two\n", 4); });
+    closed.set_value();
+    worker.join();
     logger.NotifyCameraClose();
 
-    // One folder per session; each thread's file carries its session.
-    std::set<std::string> names;
+    std::map<std::string, std::string> files;
     for (const auto& entry : fs::recursive_directory_iterator(Camera())) {
-        if (entry.is_regular_file()) names.insert(entry.path().filename().string());
+        if (!entry.is_regular_file()) continue;
+        const std::string name = entry.path().filename().string();
+        files[name.substr(name.find("__Tid"))] = vxcamtest::ReadFile(entry.path().string());
     }
-    ASSERT_EQ(names.size(), 2u);
-    const std::string endings[] = {"__Tid" + std::to_string(first) + "_Session1_Segment1.txt",
-                                   "__Tid" + std::to_string(second) + "_Session2_Segment1.txt"};
-    for (const std::string& ending : endings) {
-        EXPECT_TRUE(std::any_of(names.begin(), names.end(), [&](const std::string& name) {
-            return name.size() > ending.size() &&
-                   name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
-        })) << ending;
-    }
+    const std::string tid = "__Tid" + std::to_string(same);
+    EXPECT_EQ(files,
+              (std::map<std::string, std::string>{{tid + "_Session1_Segment1.txt", "one\n"},
+                                                  {tid + "_Session2_Segment1.txt", "two\n"}}));
 
     // A second camera at once switches the logger off for good.
     vxcamtest::LogCapture log;

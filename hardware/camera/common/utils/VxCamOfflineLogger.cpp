@@ -228,7 +228,13 @@ std::string VxCamOfflineLogger::DeviceRoot() const {
 
 int VxCamOfflineLogger::GetSettingLink() {
     VxCamStaticSetting* settings = VxCamStaticSetting::GetInstance();
-    const std::string root = DeviceRoot();
+    std::string root;
+    try {
+        root = DeviceRoot();
+    } catch (const std::bad_alloc&) {
+        OFFLINE_LOGE("VxCamOfflineLogger get override setting failed");
+        return 0;
+    }
     const double freeMB = GetAvailableSpace(root.c_str());
     if (freeMB >= 0.0 && freeMB < kMinimumStartSpaceMB) {
         char path[kPathSize];
@@ -586,7 +592,11 @@ std::string VxCamOfflineLogger::GetPrefixFilename() {
 }
 
 std::string VxCamOfflineLogger::GetCurrentSessionPrefixFilename() {
-    return m_sessionPrefix + "_Session" + std::to_string(m_sessionCount.load());
+    try {
+        return m_sessionPrefix + "_Session" + std::to_string(m_sessionCount.load());
+    } catch (const std::bad_alloc&) {
+        return std::string();
+    }
 }
 
 std::string VxCamOfflineLogger::GenerateLogFileNameByOfflineLoggerType(
@@ -982,10 +992,17 @@ void VxCamOfflineLogger::SetSignal35TombstoneTriggered() {
 
 int VxCamOfflineLogger::SetCoredumpPath(const char* path) {
     if (path == nullptr) return 0;
-    if (m_multiPathMode == 0) {
-        m_coredumpPath = path;
-    } else if (m_multiPathMode == 1) {
-        m_multiPathCoredumpPath = path;
+    try {
+        if (m_multiPathMode == 0) {
+            m_coredumpPath = path;
+        } else if (m_multiPathMode == 1) {
+            m_multiPathCoredumpPath = path;
+        }
+    } catch (const std::bad_alloc&) {
+        OFFLINE_LOGE("VxCamOfflineLogger allocate memory failed");
+        return 0;
+    }
+    if (m_multiPathMode == 1) {
         // The thread's next core-dump text goes to a registration that carries the new path.
         if (m_loggerType == CoredumpTxt) RequestBucketInPlace(CoredumpTxt);
     }
