@@ -18,6 +18,8 @@ struct Command {
 const Command kCommands[] = {
         {"settings", "print the settings as the library loaded them, or lint an override file",
          vxcamctl::RunSettings},
+        {"zlib", "compress, decompress, measure or checksum a file with the library's zlib calls",
+         vxcamctl::RunZlib},
 };
 
 void PrintUsage(FILE* out) {
