@@ -498,11 +498,15 @@ int OsUtils::Compress(const uint8_t* pInputStream, uint32_t inputLength, uint8_t
             // stream as deflate left it.
             VXCAM_LOGI(UTILS, "deflate failed rc =%d", result);
         } else {
+            const bool finished = result == Z_STREAM_END;
             VXCAM_LOGV(UTILS, "total_in: %d, total_out:%d", static_cast<int>(stream.total_in),
                        static_cast<int>(stream.total_out));
             result = deflateEnd(&stream);
             *pOutputLength = static_cast<uint32_t>(stream.total_out);
-            // A stream that ran out of room before it finished ends with Z_DATA_ERROR here.
+            // deflateEnd reports Z_DATA_ERROR for a stream that ran out of room while input was
+            // left, but Z_OK once all input was taken in, even if the end of the stream never
+            // fitted. Either way the caller would get a cut stream: both fail alike.
+            if (result >= 0 && !finished) result = Z_DATA_ERROR;
             if (result < 0) {
                 VXCAM_LOGI(UTILS, "deflateEnd failed rc =%d", result);
             } else {
