@@ -6,6 +6,7 @@ packages=(
     cmake make g++ pkg-config git clang-format
     zlib1g-dev libunwind-dev
     libgtest-dev libgmock-dev libbenchmark-dev
+    python3
 )
 
 missing=()

@@ -11,6 +11,7 @@ constexpr int kExitUsage = 2;     // bad arguments or an unreadable input
 
 int RunSettings(int argc, char** argv);
 int RunSession(int argc, char** argv);
+int RunZlib(int argc, char** argv);
 
 }  // namespace vxcamctl
 

@@ -20,6 +20,8 @@ const Command kCommands[] = {
          vxcamctl::RunSettings},
         {"session", "run camera sessions through the offline-log entry table and check the files",
          vxcamctl::RunSession},
+        {"zlib", "compress, decompress, measure or checksum a file with the library's zlib calls",
+         vxcamctl::RunZlib},
 };
 
 void PrintUsage(FILE* out) {

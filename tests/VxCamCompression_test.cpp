@@ -1,0 +1,229 @@
+// Compression over zlib: round trips, the 128-byte slack boundary, the failure paths and their
+// lines, and streams exchanged with another zlib user (Python's zlib module).
+#include "VxCamCommonUtils.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+#include "VxCamDebug.h"
+
+// Failed streams keep zlib's memory on purpose; LeakSanitizer, when present, is told so.
+extern "C" void __lsan_disable() __attribute__((weak));
+extern "C" void __lsan_enable() __attribute__((weak));
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using VxCam::OsUtils;
+using vxcamtest::LogCapture;
+using vxcamtest::TempDir;
+
+struct KeptStreamMemory {
+    KeptStreamMemory() {
+        if (__lsan_disable != nullptr) __lsan_disable();
+    }
+    ~KeptStreamMemory() {
+        if (__lsan_enable != nullptr) __lsan_enable();
+    }
+};
+
+// The library's compression lines are info lines of the utils group, off by default.
+struct UtilsLinesShown : LogCapture {
+    UtilsLinesShown() : saved(VxCam::g_logInfo) { VxCam::g_logInfo.infoMask |= 4; }
+    ~UtilsLinesShown() { VxCam::g_logInfo = saved; }
+    bool Has(const std::string& text) const {
+        for (const std::string& message : Messages()) {
+            if (message.find(text) != std::string::npos) return true;
+        }
+        return false;
+    }
+    VxCam::DebugLogInfo saved;
+};
+
+// Bytes drawn from `symbols` values: 4 compresses to about a quarter, 256 not at all.
+Bytes Random(size_t size, unsigned symbols, unsigned seed = 1) {
+    std::mt19937 random(seed);
+    Bytes data(size);
+    for (uint8_t& byte : data) byte = static_cast<uint8_t>('A' + random() % symbols);
+    return data;
+}
+
+int Compress(const Bytes& data, Bytes* stream) {
+    stream->assign(data.size() + 1, 0);
+    uint8_t* buffer = stream->data();
+    uint32_t length = 0;
+    const int result = OsUtils::Compress(data.data(), data.size(), &buffer, &length);
+    stream->resize(length);
+    return result;
+}
+
+int UnCompress(const Bytes& stream, uint32_t capacity, Bytes* data) {
+    data->assign(capacity, 0xEE);
+    uint8_t* buffer = data->data();
+    uint32_t length = capacity;
+    const int result = OsUtils::UnCompress(stream.data(), stream.size(), &buffer, &length);
+    if (result != 0) return result;
+    // The slack past the data is never written.
+    EXPECT_EQ(Bytes(data->begin() + length, data->end()), Bytes(capacity - length, 0xEE));
+    data->resize(length);
+    return 0;
+}
+
+uint32_t Estimate(const Bytes& stream, int* result) {
+    uint32_t estimate = 77;
+    *result = OsUtils::FindEstimatedSizeOfUnCompressed(stream.data(), stream.size(), &estimate);
+    return estimate;
+}
+
+TEST(Compression, RoundTripsAndTheSlackBoundary) {
+    for (const Bytes& input :
+         {Random(64, 4), Bytes(1000, 0), Random(10000, 4), Random(1 << 20, 4)}) {
+        SCOPED_TRACE(input.size());
+        UtilsLinesShown log;
+        Bytes stream, output;
+        ASSERT_EQ(Compress(input, &stream), 0);
+        int result = 1;
+        const uint32_t estimate = Estimate(stream, &result);
+        EXPECT_EQ(result, 0);
+        EXPECT_EQ(estimate, input.size() + 128);
+        EXPECT_TRUE(log.Has("FindEstimatedSizeOfUnCompressed() rc = Z_STREAM_END"));
+        ASSERT_EQ(UnCompress(stream, estimate, &output), 0);
+        EXPECT_EQ(output, input);
+        KeptStreamMemory kept;
+        EXPECT_EQ(UnCompress(stream, estimate - 1, &output), 1);
+        EXPECT_TRUE(log.Has("UnCompress() Inflate Failed rc =-5, total_in: "));
+    }
+}
+
+TEST(Compression, FailuresAndTheirLines) {
+    KeptStreamMemory kept;
+    UtilsLinesShown log;
+    Bytes stream;
+    EXPECT_EQ(Compress({}, &stream), 1);  // no room for even the header
+    EXPECT_TRUE(log.Has("[INFO    ][UTILS  ] VxCamCommonUtils.cpp:"));
+    EXPECT_TRUE(log.Has("Compress() deflate failed rc =-5"));
+    EXPECT_TRUE(log.Has("Compress() Failed rc =-5"));
+    // A stream whose end does not fit the input's size fails, with the bytes it did write.
+    EXPECT_EQ(Compress(Random(16, 256), &stream), 1);
+    EXPECT_EQ(stream.size(), 16u);
+    EXPECT_TRUE(log.Has("Compress() deflateEnd failed rc =-3"));
+    uint32_t length = 0;
+    uint8_t* none = nullptr;
+    EXPECT_EQ(OsUtils::Compress(stream.data(), 16, &none, &length), 1);
+    EXPECT_TRUE(log.Has("Compress() Invalid *ppOutputStream  =0"));
+
+    Bytes valid, output;
+    ASSERT_EQ(Compress(Random(10000, 4), &valid), 0);
+    log.Clear();
+    EXPECT_EQ(UnCompress(Bytes(), 256, &output), 1);
+    ASSERT_EQ(log.Messages().size(), 1u);
+    EXPECT_TRUE(log.Has(", inputLength =0, *ppOutputStream: 0x"));
+    EXPECT_TRUE(log.Has(", *pOutputLength: 256 "));  // the trailing blank is kept
+
+    Bytes corrupt = valid;
+    corrupt.back() ^= 0xFF;  // the Adler-32 trailer
+    const Bytes truncated(valid.begin(), valid.end() - 10);
+    for (const auto& [bad, code] :
+         {std::pair<const Bytes*, const char*>{&corrupt, "-3"}, {&truncated, "-5"}}) {
+        log.Clear();
+        int result = 0;
+        EXPECT_EQ(Estimate(*bad, &result), 0u);
+        EXPECT_EQ(result, 1);
+        EXPECT_TRUE(log.Has(std::string("FindEstimatedSizeOfUnCompressed() Error rc = ") + code));
+        EXPECT_EQ(UnCompress(*bad, 10128, &output), 1);
+        EXPECT_TRUE(log.Has(std::string("UnCompress() Inflate Failed rc =") + code));
+    }
+}
+
+TEST(Compression, Crc32) {
+    const auto* digits = reinterpret_cast<const uint8_t*>("123456789");
+    EXPECT_EQ(OsUtils::ComputeCRC32(0, digits, 9), 0xCBF43926ul);
+    EXPECT_EQ(OsUtils::ComputeCRC32(OsUtils::ComputeCRC32(0, digits, 4), digits + 4, 5),
+              0xCBF43926ul);
+}
+
+// ---- Another zlib user ---------------------------------------------------------------------
+
+std::string Python3() {
+    const char* path = getenv("PATH");
+    const std::string folders = path != nullptr ? path : "/usr/bin:/bin";
+    for (size_t start = 0, end = 0; end != std::string::npos; start = end + 1) {
+        end = folders.find(':', start);
+        const std::string candidate = folders.substr(start, end - start) + "/python3";
+        if (access(candidate.c_str(), X_OK) == 0) return candidate;
+    }
+    return "";
+}
+
+// python3 -c kPythonZlib decompress IN OUT | compress IN OUT LEVEL
+const char kPythonZlib[] =
+        "import sys, zlib\n"
+        "data = open(sys.argv[2], 'rb').read()\n"
+        "if sys.argv[1] == 'decompress': data = zlib.decompress(data)\n"
+        "else: data = zlib.compress(data, int(sys.argv[4]))\n"
+        "open(sys.argv[3], 'wb').write(data)\n";
+
+void Python(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {Python3(), "-c", kPythonZlib});
+    const vxcamtest::ProcessResult result = vxcamtest::RunProcess(arguments);
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+}
+
+Bytes ReadBytes(const std::string& path) {
+    const std::string text = vxcamtest::ReadFile(path);
+    return Bytes(text.begin(), text.end());
+}
+
+std::string WriteBytes(const TempDir& folder, const std::string& name, const Bytes& data) {
+    return folder.Write(name, std::string(data.begin(), data.end()));
+}
+
+TEST(Compression, StreamsExchangedWithPython) {
+    if (Python3().empty()) GTEST_SKIP() << "python3 not found on PATH: interoperability unchecked";
+    TempDir folder;
+    const Bytes input = Random(300000, 4, 3);
+    Bytes ours, output;
+    ASSERT_EQ(Compress(input, &ours), 0);
+    Python({"decompress", WriteBytes(folder, "ours.z", ours), folder / "ours.out"});
+    EXPECT_EQ(ReadBytes(folder / "ours.out"), input);
+
+    for (const char* level : {"1", "6", "9"}) {
+        Python({"compress", WriteBytes(folder, "plain", input), folder / "theirs.z", level});
+        const Bytes theirs = ReadBytes(folder / "theirs.z");
+        int result = 1;
+        const uint32_t estimate = Estimate(theirs, &result);
+        ASSERT_EQ(result, 0) << level;
+        ASSERT_EQ(UnCompress(theirs, estimate, &output), 0) << level;
+        EXPECT_EQ(output, input) << level;
+    }
+}
+
+#ifdef VXCAMCTL_PATH
+TEST(Compression, VxcamctlZlib) {
+    const auto vxcamctl = [](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {vxcamtest::Vxcamctl(), "zlib"});
+        return vxcamtest::RunProcess(arguments, {{"ANDROID_LOG_TAGS", "*:s"}});
+    };
+    TempDir folder;
+    const Bytes input = Random(10000, 4, 5);
+    const std::string plain = WriteBytes(folder, "plain", input);
+    EXPECT_EQ(vxcamctl({"compress", plain, "-o", folder / "dump.z"}).exitCode, 0);
+    EXPECT_EQ(vxcamctl({"estimate", folder / "dump.z"}).out, "10128\n");
+    EXPECT_EQ(vxcamctl({"decompress", folder / "dump.z", "-o", folder / "back"}).exitCode, 0);
+    EXPECT_EQ(ReadBytes(folder / "back"), input);
+    EXPECT_EQ(vxcamctl({"crc32", folder.Write("digits", "123456789")}).out, "cbf43926\n");
+
+    EXPECT_EQ(vxcamctl({"decompress", plain}).exitCode, 1);  // not a stream
+    EXPECT_EQ(vxcamctl({"compress", WriteBytes(folder, "noise", Random(64, 256))}).exitCode, 1);
+    EXPECT_EQ(vxcamctl({"estimate", folder / "absent"}).exitCode, 2);
+    EXPECT_EQ(vxcamctl({"inflate", plain}).exitCode, 2);
+}
+#endif
+
+}  // namespace

@@ -1,0 +1,183 @@
+// Atomics, the semaphore and the traced waits.
+//
+// This program defines the wall clock, the timed semaphore wait and the trace calls the library
+// makes, so that a test can fix the time, see the deadline a timed wait asks for and read the
+// trace sections. Outside a test's fake the clock and the wait are the system's own.
+#include "VxCamCommonUtils.h"
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <semaphore.h>
+#include <time.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "VxCamDebug.h"
+
+namespace {
+
+struct Fakes {
+    bool clock = false;
+    timespec now = {};
+    bool timedWait = false;
+    int timedWaitResult = 0;
+    timespec deadline = {};
+    uint64_t traceTags = 0;
+    std::vector<std::string> trace;
+};
+Fakes s_fakes;
+
+template <typename Function>
+Function Next(const char* name) {
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" {
+
+int clock_gettime(clockid_t clock, timespec* now) noexcept {
+    if (s_fakes.clock && clock == CLOCK_REALTIME) {
+        *now = s_fakes.now;
+        return 0;
+    }
+    static auto next = Next<int (*)(clockid_t, timespec*)>("clock_gettime");
+    return next(clock, now);
+}
+
+int sem_timedwait(sem_t* semaphore, const timespec* deadline) {
+    if (!s_fakes.timedWait) {
+        static auto next = Next<int (*)(sem_t*, const timespec*)>("sem_timedwait");
+        return next(semaphore, deadline);
+    }
+    s_fakes.deadline = *deadline;
+    return s_fakes.timedWaitResult;
+}
+
+uint64_t atrace_get_enabled_tags(void) {
+    return s_fakes.traceTags;
+}
+void atrace_begin_body(const char* name) {
+    s_fakes.trace.push_back(name);
+}
+void atrace_end_body(void) {
+    s_fakes.trace.push_back("end");
+}
+
+}  // extern "C"
+
+namespace {
+
+using VxCam::OsUtils;
+using VxCam::Semaphore;
+
+class Sync : public ::testing::Test {
+  protected:
+    void TearDown() override {
+        s_fakes = Fakes();
+        VxCam::g_traceInfo = 0;
+    }
+};
+
+TEST_F(Sync, ConditionalDecrementsNeverGoBelowZero) {
+    for (const auto& [start, expected] : {std::pair{0, 0}, {-5, -5}, {3, 2}, {1, 0}}) {
+        volatile int value = start;
+        EXPECT_EQ(VxCam::VxCamAtomicDec(&value), expected) << start;
+        EXPECT_EQ(value, expected) << start;
+    }
+    struct Case {
+        unsigned start, amount, expected;
+    };
+    for (const Case& c : {Case{5, 7, 5}, Case{5, 5, 0}, Case{5, 4, 1}}) {
+        volatile unsigned value = c.start;
+        EXPECT_EQ(VxCam::VxCamAtomicDecU32(&value, c.amount), c.expected) << c.amount;
+        EXPECT_EQ(value, c.expected) << c.amount;
+    }
+    volatile unsigned zero = 0;
+    EXPECT_EQ(VxCam::VxCamAtomicDecU(&zero), 0u);  // no wrap to UINT_MAX
+}
+
+TEST_F(Sync, OperandWidthsExchangeAndCounting) {
+    volatile int value = 4;
+    EXPECT_EQ(VxCam::VxCamAtomicCompareExchange(&value, 4, 9), 1);
+    EXPECT_EQ(VxCam::VxCamAtomicCompareExchange(&value, 5, 1), 0);
+    EXPECT_EQ(value, 9);
+    volatile unsigned char byte = 250;
+    EXPECT_EQ(VxCam::VxCamAtomicAddU8(&byte, 10), 4);
+    volatile signed char small = -128;
+    EXPECT_EQ(VxCam::VxCamAtomicSub8(&small, 1), 127);
+    volatile unsigned long wide = 0xFFFFFFFFul;
+    EXPECT_EQ(VxCam::VxCamAtomicAddU64(&wide, 1), 0x100000000ul);
+    int target = 0;
+    void* volatile pointer = nullptr;
+    VxCam::VxCamAtomicStoreP(&pointer, &target);
+    EXPECT_EQ(VxCam::VxCamAtomicLoadP(&pointer), &target);
+
+    volatile unsigned counter = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 100000; ++i) VxCam::VxCamAtomicIncU(&counter);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(VxCam::VxCamAtomicLoadU(&counter), 400000u);
+}
+
+TEST_F(Sync, SignalWaitAndExpiry) {
+    Semaphore* semaphore = Semaphore::Create();
+    ASSERT_NE(semaphore, nullptr);
+    semaphore->Signal();
+    semaphore->Signal();
+    semaphore->Wait();
+    EXPECT_EQ(semaphore->TimedWait(0), 0);   // the second post
+    EXPECT_EQ(semaphore->TimedWait(20), 1);  // -1 from the system, not ETIMEDOUT: 1
+    semaphore->Destroy();
+}
+
+TEST_F(Sync, TimedWaitDeadlineCarriesIntoSeconds) {
+    Semaphore* semaphore = Semaphore::Create();
+    ASSERT_NE(semaphore, nullptr);
+    s_fakes.clock = s_fakes.timedWait = true;
+    s_fakes.timedWaitResult = -1;
+    struct Case {
+        timespec now;
+        unsigned milliseconds;
+        timespec deadline;
+    };
+    for (const Case& c :
+         {Case{{10, 600000000}, 1500, {12, 100000000}}, Case{{10, 999999999}, 1, {11, 999999}},
+          Case{{10, 400000000}, 600, {11, 0}}, Case{{10, 0}, 4294967295u, {4294977, 295000000}}}) {
+        s_fakes.now = c.now;
+        EXPECT_EQ(semaphore->TimedWait(c.milliseconds), 1);
+        EXPECT_EQ(s_fakes.deadline.tv_sec, c.deadline.tv_sec) << c.milliseconds;
+        EXPECT_EQ(s_fakes.deadline.tv_nsec, c.deadline.tv_nsec) << c.milliseconds;
+    }
+    s_fakes.timedWaitResult = ETIMEDOUT;  // a wait call that returns the error number itself
+    EXPECT_EQ(semaphore->TimedWait(1), 6);
+    semaphore->Destroy();
+}
+
+TEST_F(Sync, TraceSectionsNeedTheScopeBitAndTheCameraTag) {
+    Semaphore* semaphore = Semaphore::Create();
+    ASSERT_NE(semaphore, nullptr);
+    const std::string object = std::to_string(reinterpret_cast<uintptr_t>(semaphore));
+    const std::vector<std::string> sections = {"OsUtilsSemaphoreSignal : " + object, "end",
+                                               "OsUtilsSemaphoreWait : " + object,   "end",
+                                               "OsUtilsSleepMicroseconds",           "end"};
+    for (const auto& [mask, tags] : {std::pair{4, 0x400}, {0xFB, 0xFFFF}, {0xFFFF, 0xFBFF}}) {
+        VxCam::g_traceInfo = mask;
+        s_fakes.traceTags = tags;
+        s_fakes.trace.clear();
+        semaphore->Signal();
+        semaphore->Wait();
+        OsUtils::SleepMicroseconds(1);
+        EXPECT_EQ(s_fakes.trace, mask == 4 ? sections : std::vector<std::string>()) << mask;
+    }
+    semaphore->Destroy();
+}
+
+}  // namespace
