@@ -10,6 +10,8 @@ constexpr int kExitFindings = 1;  // the command ran and found something wrong
 constexpr int kExitUsage = 2;     // bad arguments or an unreadable input
 
 int RunSettings(int argc, char** argv);
+int RunFormat(int argc, char** argv);
+int RunJpeg(int argc, char** argv);
 
 }  // namespace vxcamctl
 

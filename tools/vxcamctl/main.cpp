@@ -18,6 +18,9 @@ struct Command {
 const Command kCommands[] = {
         {"settings", "print the settings as the library loaded them, or lint an override file",
          vxcamctl::RunSettings},
+        {"format", "strides, slice heights and sizes the library computes for an image format",
+         vxcamctl::RunFormat},
+        {"jpeg", "the JPEG size in the blob trailer of a captured blob buffer", vxcamctl::RunJpeg},
 };
 
 void PrintUsage(FILE* out) {
