@@ -27,48 +27,16 @@ using VxCam::StrideRule;
 using VxCam::VxImageUtils;
 
 // The enumerators as the HAL's sources spell them, by value.
+// clang-format off
 constexpr const char* kEnumerators[] = {
-        "Jpeg",
-        "Y8",
-        "Y16",
-        "YUV420NV12",
-        "YUV420NV21",
-        "YUV422NV16",
-        "Blob",
-        "Format7",
-        "RawOpaque",
-        "RawMIPI10",
-        "RawPlain16",
-        "Format11",
-        "Format12",
-        "Format13",
-        "Format14",
-        "YUV420NV12TP10",
-        "YUV420NV21TP10",
-        "YUV422NV16TP10",
-        "PD10",
-        "Format19",
-        "Format20",
-        "Format21",
-        "P010",
-        "Format23",
-        "Format24",
-        "Format25",
-        "Raw12",
-        "Raw16",
-        "Format28",
-        "Format29",
-        "Format30",
-        "Format31",
-        "Format32",
-        "Dmap",
-        "Format34",
-        "YV12",
-        "YUV420SP",
-        "Jpgr",
-        "DepthJpeg",
-        "Max",
+    "Jpeg", "Y8", "Y16", "YUV420NV12", "YUV420NV21", "YUV422NV16", "Blob", "Format7",
+    "RawOpaque", "RawMIPI10", "RawPlain16", "Format11", "Format12", "Format13", "Format14",
+    "YUV420NV12TP10", "YUV420NV21TP10", "YUV422NV16TP10", "PD10", "Format19", "Format20",
+    "Format21", "P010", "Format23", "Format24", "Format25", "Raw12", "Raw16", "Format28",
+    "Format29", "Format30", "Format31", "Format32", "Dmap", "Format34", "YV12", "YUV420SP",
+    "Jpgr", "DepthJpeg", "Max",
 };
+// clang-format on
 static_assert(sizeof(kEnumerators) / sizeof(kEnumerators[0]) == VxCam::kImageFormatRowCount,
               "one enumerator per catalogue row");
 
@@ -79,7 +47,6 @@ struct Size {
 
 struct Options {
     bool all = false;
-    const char* format = nullptr;
     bool hasSize = false;
     Size size{0, 0};
     bool hasAlignment = false;
@@ -96,11 +63,13 @@ std::string Text(const char* format, ...) {
     return text;
 }
 
+// Decimal, or hexadecimal after "0x"; a leading 0 does not mean octal.
 bool ParseNumber(const char* text, uint32_t* value) {
     if (text[0] == '\0' || text[0] == '-' || text[0] == '+') return false;
+    const bool hex = text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
     errno = 0;
     char* end = nullptr;
-    const unsigned long long number = strtoull(text, &end, 0);
+    const unsigned long long number = strtoull(text, &end, hex ? 16 : 10);
     if (errno != 0 || *end != '\0' || number > UINT32_MAX) return false;
     *value = static_cast<uint32_t>(number);
     return true;

@@ -45,7 +45,7 @@ uint32_t RoundUp(uint32_t value, uint32_t multiple) {
     return remainder == 0 ? value : value + multiple - remainder;
 }
 
-// Half of the value, made even: the PD10 sensor reads pixel pairs in pairs.
+// Half the value, raised to the next even number when odd (PD10 rows and slices).
 uint32_t HalfMadeEven(uint32_t value) {
     const uint32_t half = value / 2;
     return half + (half & 1u);
@@ -204,7 +204,7 @@ void VxImageUtils::SetJpegSize(void* buffer, uint32_t bufferSize, uint32_t jpegS
     if (buffer == nullptr || bufferSize < kBlobTrailerSize) return;
     // Hosts match this line as it stands: the first value is always 0 (the old size is not read).
     VXCAM_LOGV(UTILS, "Update jpeg size(%d) to (%d)", 0, static_cast<int>(jpegSize));
-    // One store, so that a reader never sees a new id beside an old size.
+    // Id and size go out in one 8-byte store, id in the low half.
     const uint64_t trailer = (uint64_t{jpegSize} << 32) | kBlobIdWritten;
     memcpy(static_cast<uint8_t*>(buffer) + bufferSize - kBlobTrailerSize, &trailer, sizeof(trailer));
 }

@@ -42,8 +42,8 @@ constexpr const char kCameraDataDirectory[] = "/data/vendor/camera";
 // opened.
 constexpr size_t kDumpPathSize = 256;
 
-// "<base>/<directory>/": the trailing '/' makes file paths "<base>/<directory>//<file>", which the
-// file system takes as one separator; hosts' dump scripts expect it.
+// "<base>/<directory>/": the trailing '/' makes file paths "<base>/<directory>//<file>". The file
+// system reads the double slash as one; it is kept so that logged paths read as they always have.
 bool BuildDirectoryPath(const char* directory, char (&path)[kDumpPathSize]) {
     const int length =
             OsUtils::SNPrintF(path, sizeof(path), "%s/%s", kCameraDataDirectory, directory);
@@ -194,7 +194,8 @@ void VxCamMetaDumpUtils::GetTimeStamp(char* output) {
     if (output == nullptr) return;
     VxCamDateTime now = {};
     OsUtils::GetDateTime(&now);
-    // Microseconds, not milliseconds: dump file names sort by this field within a second.
+    // The last field is microseconds, not milliseconds, at a minimum width of 4 (4 to 6 digits),
+    // as the dump names already on devices have it.
     OsUtils::SNPrintF(output, 25, "%04d%02d%02d_%02d%02d%02d_%04d", now.year + 1900, now.month + 1,
                       now.dayOfMonth, now.hour, now.minute, now.second,
                       static_cast<int>(now.fraction));
@@ -210,7 +211,7 @@ void VxCamMetaDumpUtils::dumpLensShadingTable(FILE* stream, int /*unused*/, int3
             " =======LSC Table Gb=======\n",
             " =======LSC Table B=======\n",
     };
-    // Tools that read these dumps check for the enable line; it is always 1 here.
+    // bEnableLSC is always 1: a table handed over to be dumped is in use.
     OsUtils::FPrintF(stream, "\nbEnableLSC:%d\n", 1);
     OsUtils::FPrintF(stream, "nLscChannelLength:%d\n", channelLength);
     OsUtils::FPrintF(stream, "lsc_width:%d\n", width);
