@@ -12,6 +12,8 @@ constexpr int kExitUsage = 2;     // bad arguments or an unreadable input
 int RunSettings(int argc, char** argv);
 int RunSession(int argc, char** argv);
 int RunZlib(int argc, char** argv);
+int RunFormat(int argc, char** argv);
+int RunJpeg(int argc, char** argv);
 
 }  // namespace vxcamctl
 

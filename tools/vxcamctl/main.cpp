@@ -22,6 +22,9 @@ const Command kCommands[] = {
          vxcamctl::RunSession},
         {"zlib", "compress, decompress, measure or checksum a file with the library's zlib calls",
          vxcamctl::RunZlib},
+        {"format", "strides, slice heights and sizes the library computes for an image format",
+         vxcamctl::RunFormat},
+        {"jpeg", "the JPEG size in the blob trailer of a captured blob buffer", vxcamctl::RunJpeg},
 };
 
 void PrintUsage(FILE* out) {

@@ -118,8 +118,10 @@ bool LoadLibrary(const Options& options, Library* library) {
     // Found by their exported names, as a host without the headers would.
     library->logSystem =
             reinterpret_cast<LogSystemFn>(dlsym(handle, "_ZN5VxCam3Log9LogSystemEjPKcjS2_z"));
+    // The process's own g_logInfo: when the program itself refers to the global (this one does),
+    // the library uses the program's copy, and the library's handle would find the stale original.
     const auto* logInfo =
-            static_cast<const VxCam::DebugLogInfo*>(dlsym(handle, "_ZN5VxCam9g_logInfoE"));
+            static_cast<const VxCam::DebugLogInfo*>(dlsym(RTLD_DEFAULT, "_ZN5VxCam9g_logInfoE"));
     library->offlineEnabled = library->logSystem != nullptr && logInfo != nullptr &&
                               logInfo->systemLogEnable == 1 && logInfo->offlineLogEnable == 1 &&
                               (logInfo->infoMask & 1u) != 0;
