@@ -60,6 +60,13 @@ class LogCapture {
         std::lock_guard<std::mutex> lock(Mutex());
         m_lines.clear();
     }
+    // Whether any recorded message contains `text`.
+    bool Has(const std::string& text) const {
+        for (const std::string& message : Messages()) {
+            if (message.find(text) != std::string::npos) return true;
+        }
+        return false;
+    }
 
   private:
     static std::mutex& Mutex() {
@@ -187,6 +194,15 @@ inline ProcessResult RunProcess(const std::vector<std::string>& argv,
 
 inline std::string Vxcamctl() {
     return VXCAMCTL_PATH;
+}
+
+// Runs vxcamctl with `arguments`; `logTags` filters the library's Android log on stderr (by
+// default everything is kept out of the way).
+inline ProcessResult RunVxcamctl(const std::vector<std::string>& arguments,
+                                 const std::string& logTags = "*:s") {
+    std::vector<std::string> argv = {Vxcamctl()};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    return RunProcess(argv, {{"ANDROID_LOG_TAGS", logTags}});
 }
 
 }  // namespace vxcamtest

@@ -37,12 +37,6 @@ struct KeptStreamMemory {
 struct UtilsLinesShown : LogCapture {
     UtilsLinesShown() : saved(VxCam::g_logInfo) { VxCam::g_logInfo.infoMask |= 4; }
     ~UtilsLinesShown() { VxCam::g_logInfo = saved; }
-    bool Has(const std::string& text) const {
-        for (const std::string& message : Messages()) {
-            if (message.find(text) != std::string::npos) return true;
-        }
-        return false;
-    }
     VxCam::DebugLogInfo saved;
 };
 

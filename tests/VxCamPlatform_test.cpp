@@ -29,12 +29,6 @@ struct LinesShown : vxcamtest::LogCapture {
         VxCam::g_logInfo.verboseMask |= VXCAM_GROUP_BIT_UTILS;
     }
     ~LinesShown() { VxCam::g_logInfo = saved; }
-    bool Has(const std::string& text) const {
-        for (const std::string& message : Messages()) {
-            if (message.find(text) != std::string::npos) return true;
-        }
-        return false;
-    }
     VxCam::DebugLogInfo saved;
 };
 

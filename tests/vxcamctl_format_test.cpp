@@ -13,9 +13,7 @@ using vxcamtest::ProcessResult;
 using vxcamtest::TempDir;
 
 ProcessResult RunVxcamctl(const std::vector<std::string>& arguments) {
-    std::vector<std::string> argv = {vxcamtest::Vxcamctl()};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    return vxcamtest::RunProcess(argv, {{"ANDROID_LOG_TAGS", "*:e"}});
+    return vxcamtest::RunVxcamctl(arguments, "*:e");
 }
 
 TEST(VxcamctlFormat, ReportsOneFormatByAnyOfItsNames) {

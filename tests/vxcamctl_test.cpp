@@ -11,12 +11,7 @@ namespace {
 using vxcamtest::ProcessResult;
 using vxcamtest::TempDir;
 
-ProcessResult RunVxcamctl(const std::vector<std::string>& arguments) {
-    std::vector<std::string> argv = {vxcamtest::Vxcamctl()};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    // Keep the library's load-time log out of the way.
-    return vxcamtest::RunProcess(argv, {{"ANDROID_LOG_TAGS", "*:s"}});
-}
+using vxcamtest::RunVxcamctl;
 
 TEST(VxcamctlCheck, ReportsWhatTheLoaderWouldSkipOrMisread) {
     TempDir folder;

@@ -2,12 +2,17 @@
 #ifndef VXCAMCTL_COMMANDS_H
 #define VXCAMCTL_COMMANDS_H
 
+#include <string>
+
 namespace vxcamctl {
 
 // Exit statuses shared by every command.
 constexpr int kExitOk = 0;
 constexpr int kExitFindings = 1;  // the command ran and found something wrong
 constexpr int kExitUsage = 2;     // bad arguments or an unreadable input
+
+// printf into a string of at most 511 characters.
+std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 int RunSettings(int argc, char** argv);
 int RunSession(int argc, char** argv);

@@ -53,16 +53,6 @@ struct Options {
     uint32_t alignment = 0;
 };
 
-std::string Text(const char* format, ...) __attribute__((format(printf, 1, 2)));
-std::string Text(const char* format, ...) {
-    char text[512];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof(text), format, arguments);
-    va_end(arguments);
-    return text;
-}
-
 // Decimal, or hexadecimal after "0x"; a leading 0 does not mean octal.
 bool ParseNumber(const char* text, uint32_t* value) {
     if (text[0] == '\0' || text[0] == '-' || text[0] == '+') return false;
@@ -126,7 +116,7 @@ std::string Subject(uint32_t value) {
 }
 
 std::string HalText(const ImageFormatRow& row) {
-    return Text("0x%x HAL_PIXEL_FORMAT_%s", row.halFormat, row.halName);
+    return Format("0x%x HAL_PIXEL_FORMAT_%s", row.halFormat, row.halName);
 }
 
 uint32_t NormalisedAlignment(uint32_t alignment) {
@@ -136,28 +126,28 @@ uint32_t NormalisedAlignment(uint32_t alignment) {
 }
 
 std::string AlignedText(const char* what, uint32_t dimension, uint32_t alignment) {
-    std::string text = Text("%s %u rounded up to a multiple of %u", what, dimension,
-                            NormalisedAlignment(alignment));
-    if (NormalisedAlignment(alignment) != alignment) text += Text(" (alignment %u)", alignment);
+    std::string text = Format("%s %u rounded up to a multiple of %u", what, dimension,
+                              NormalisedAlignment(alignment));
+    if (NormalisedAlignment(alignment) != alignment) text += Format(" (alignment %u)", alignment);
     return text;
 }
 
 std::string StrideReason(StrideRule rule, uint32_t alignment, uint32_t width) {
     switch (rule) {
         case StrideRule::W:
-            return Text("the width");
+            return Format("the width");
         case StrideRule::A:
             return AlignedText("width", width, alignment);
         case StrideRule::M16:
-            return Text("width %u rounded up to a multiple of 16", width);
+            return Format("width %u rounded up to a multiple of 16", width);
         case StrideRule::W2:
-            return Text("2 bytes a pixel");
+            return Format("2 bytes a pixel");
         case StrideRule::P:
-            return Text("2 bytes a pixel, rounded up to a multiple of 256");
+            return Format("2 bytes a pixel, rounded up to a multiple of 256");
         case StrideRule::TP:
-            return Text("4 bytes for every 3 pixels");
+            return Format("4 bytes for every 3 pixels");
         case StrideRule::PD:
-            return Text("half the width made even, 8 bytes each, rounded up to 192");
+            return Format("half the width made even, 8 bytes each, rounded up to 192");
     }
     return "";
 }
@@ -165,13 +155,13 @@ std::string StrideReason(StrideRule rule, uint32_t alignment, uint32_t width) {
 std::string SliceReason(SliceRule rule, uint32_t alignment, uint32_t height) {
     switch (rule) {
         case SliceRule::H:
-            return Text("the height");
+            return Format("the height");
         case SliceRule::A:
             return AlignedText("height", height, alignment);
         case SliceRule::H4:
-            return Text("height %u rounded up to a multiple of 4", height);
+            return Format("height %u rounded up to a multiple of 4", height);
         case SliceRule::HPD:
-            return Text("half the height made even, rounded up to a multiple of 32");
+            return Format("half the height made even, rounded up to a multiple of 32");
     }
     return "";
 }
@@ -195,8 +185,8 @@ std::string SizeReason(SizeRule rule, Size size) {
             break;
     }
     if (static_cast<uint64_t>(size.width) * size.height > UINT32_MAX) {
-        text += Text("; %u x %u wraps at 32 bits to %u pixels", size.width, size.height,
-                     size.width * size.height);
+        text += Format("; %u x %u wraps at 32 bits to %u pixels", size.width, size.height,
+                       size.width * size.height);
     }
     return text;
 }
@@ -291,7 +281,7 @@ void PrintTableRow(uint32_t value, const char* label, const Options& options) {
     const std::string name = row.name != nullptr ? VxImageUtils::ImageFormatToString(format) : "-";
     const std::string hal =
             row.halFormat != VxCam::kNoHalFormat
-                    ? Text("0x%x %s", VxImageUtils::ConvertGraphicFormat(format), row.halName)
+                    ? Format("0x%x %s", VxImageUtils::ConvertGraphicFormat(format), row.halName)
                     : "-";
     const std::string layers =
             row.layers != 0 ? std::to_string(VxImageUtils::GetLayerCount(format)) : "-";
@@ -320,7 +310,7 @@ void PrintAll(const Options& options) {
     if (options.hasSize) {
         printf("# image formats at %ux%u; strides and slice heights with %s\n", options.size.width,
                options.size.height,
-               options.hasAlignment ? Text("alignment %u", options.alignment).c_str()
+               options.hasAlignment ? Format("alignment %u", options.alignment).c_str()
                                     : "each format's plane and slice alignment");
         if (static_cast<uint64_t>(options.size.width) * options.size.height > UINT32_MAX) {
             printf("# width x height exceeds 32 bits: the library's sizes wrap\n");

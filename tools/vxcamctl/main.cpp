@@ -1,5 +1,6 @@
 // vxcamctl: runs libvxcamcommonutils on a Linux host the way the camera HAL does on a device.
 #include <limits.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -83,6 +84,19 @@ __attribute__((section(".preinit_array"),
                used)) void (*s_exportSysroot)(int, char**, char**) = ExportSysrootOption;
 
 }  // namespace
+
+namespace vxcamctl {
+
+std::string Format(const char* format, ...) {
+    char text[512];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof(text), format, arguments);
+    va_end(arguments);
+    return text;
+}
+
+}  // namespace vxcamctl
 
 int main(int argc, char** argv) {
     if (argc < 2) {

@@ -42,16 +42,6 @@ const char* KindName(VxCam::SettingValueType type) {
     return "?";
 }
 
-std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
-std::string Format(const char* format, ...) {
-    char text[512];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof(text), format, arguments);
-    va_end(arguments);
-    return text;
-}
-
 std::string IntegerText(const SettingDefault& row, unsigned long long value) {
     if (row.radix == 16) return Format("0x%llx", value);
     return Format("%llu", value);
