@@ -427,7 +427,7 @@ LifetimeThreadInfo::~LifetimeThreadInfo() {
     const uint32_t index = type & 3;
     if (type == CoredumpTxt || type == CoredumpBin) return;  // core-dump buckets stay put
     VxCamOfflineLogger* logger = owner != nullptr ? owner : CachedInstance(type);
-    if (logger == nullptr) return;
+    if (logger == nullptr || logger->IsEnableOfflinelogger() == 0) return;  // buckets are gone
     SharedHold hold(*VxCamOfflineLogger::m_pThreadLock);
     // A camera close or a clean-up since the bucket was taken has already written or released
     // it, and the registerId may belong to another thread by now.
