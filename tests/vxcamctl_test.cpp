@@ -133,4 +133,17 @@ TEST(VxcamctlSession, AccountsForEveryLine) {
     EXPECT_NE(result.out.find("__Tid"), std::string::npos) << result.out;
 }
 
+TEST(VxcamctlSession, ReportsLostLines) {
+    TempDir sysroot;
+    sysroot.Write("data/vendor/camera/.keep", "");
+    const ProcessResult result =
+            RunVxcamctl({"session", "--sysroot", sysroot.Path(), "--library", LOSSY_ENTRY_LIBRARY,
+                         "--threads", "2", "--lines", "500", "--sessions", "1"});
+    EXPECT_EQ(result.exitCode, 1) << result.out << result.err;
+    EXPECT_NE(result.out.find("landed 990, dropped during a close 0 (accepted), lost 10"),
+              std::string::npos)
+            << result.out;
+    EXPECT_NE(result.out.find("result: LINES LOST OR DAMAGED"), std::string::npos);
+}
+
 }  // namespace
