@@ -2,7 +2,10 @@
 #ifndef VXCAMCTL_COMMANDS_H
 #define VXCAMCTL_COMMANDS_H
 
+#include <stdint.h>
+
 #include <string>
+#include <vector>
 
 namespace vxcamctl {
 
@@ -13,6 +16,10 @@ constexpr int kExitUsage = 2;     // bad arguments or an unreadable input
 
 // printf into a string of at most 511 characters.
 std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// Reads all of `path` for `command`; says why on stderr and returns false when it cannot, or when
+// the file is over 4 GiB (the library's lengths are 32-bit).
+bool ReadWholeFile(const char* command, const char* path, std::vector<uint8_t>* data);
 
 int RunSettings(int argc, char** argv);
 int RunSession(int argc, char** argv);

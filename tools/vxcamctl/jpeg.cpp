@@ -29,32 +29,6 @@ void PrintJpegUsage(FILE* out) {
             "  --help   show this text\n");
 }
 
-bool ReadWholeFile(const char* path, std::vector<uint8_t>* bytes) {
-    FILE* file = fopen(path, "rb");
-    if (file == nullptr) {
-        fprintf(stderr, "vxcamctl jpeg: cannot open '%s': %s\n", path, strerror(errno));
-        return false;
-    }
-    uint8_t chunk[65536];
-    size_t got = 0;
-    bool tooLarge = false;
-    while ((got = fread(chunk, 1, sizeof(chunk), file)) > 0) {
-        bytes->insert(bytes->end(), chunk, chunk + got);
-        if (bytes->size() > UINT32_MAX) {
-            tooLarge = true;
-            break;
-        }
-    }
-    const bool failed = ferror(file) != 0;
-    fclose(file);
-    if (failed || tooLarge) {
-        fprintf(stderr, "vxcamctl jpeg: cannot read '%s'%s\n", path,
-                tooLarge ? ": a blob buffer is below 4 GiB" : "");
-        return false;
-    }
-    return true;
-}
-
 }  // namespace
 
 int RunJpeg(int argc, char** argv) {
@@ -76,7 +50,7 @@ int RunJpeg(int argc, char** argv) {
         return kExitUsage;
     }
     std::vector<uint8_t> buffer;
-    if (!ReadWholeFile(path, &buffer)) return kExitUsage;
+    if (!ReadWholeFile("jpeg", path, &buffer)) return kExitUsage;
     const uint32_t bufferSize = static_cast<uint32_t>(buffer.size());
     if (bufferSize < kTrailerSize) {
         printf("%s: %u bytes, too small for the %zu-byte blob trailer: no JPEG size\n", path,

@@ -1,4 +1,5 @@
 // vxcamctl: runs libvxcamcommonutils on a Linux host the way the camera HAL does on a device.
+#include <errno.h>
 #include <limits.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -94,6 +95,33 @@ std::string Format(const char* format, ...) {
     vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
     return text;
+}
+
+bool ReadWholeFile(const char* command, const char* path, std::vector<uint8_t>* data) {
+    FILE* file = fopen(path, "rb");
+    if (file == nullptr) {
+        fprintf(stderr, "vxcamctl %s: cannot open '%s': %s\n", command, path, strerror(errno));
+        return false;
+    }
+    uint8_t chunk[65536];
+    size_t got = 0;
+    bool tooLarge = false;
+    while (!tooLarge && (got = fread(chunk, 1, sizeof(chunk), file)) > 0) {
+        data->insert(data->end(), chunk, chunk + got);
+        tooLarge = data->size() > UINT32_MAX;
+    }
+    const bool failed = ferror(file) != 0;
+    fclose(file);
+    if (failed) {
+        fprintf(stderr, "vxcamctl %s: cannot read '%s'\n", command, path);
+        return false;
+    }
+    if (tooLarge) {
+        fprintf(stderr, "vxcamctl %s: '%s' is larger than 4 GiB, which the library cannot take\n",
+                command, path);
+        return false;
+    }
+    return true;
 }
 
 }  // namespace vxcamctl

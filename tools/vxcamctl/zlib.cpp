@@ -46,32 +46,6 @@ void PrintZlibUsage(FILE* out) {
             "  --help            show this text\n");
 }
 
-bool ReadWholeFile(const char* path, std::vector<uint8_t>* data) {
-    FILE* file = fopen(path, "rb");
-    if (file == nullptr) {
-        fprintf(stderr, "vxcamctl zlib: cannot open '%s': %s\n", path, strerror(errno));
-        return false;
-    }
-    uint8_t chunk[65536];
-    size_t got = 0;
-    while ((got = fread(chunk, 1, sizeof(chunk), file)) > 0) {
-        data->insert(data->end(), chunk, chunk + got);
-    }
-    const bool failed = ferror(file) != 0;
-    fclose(file);
-    if (failed) {
-        fprintf(stderr, "vxcamctl zlib: cannot read '%s'\n", path);
-        return false;
-    }
-    // The library's lengths are 32-bit.
-    if (data->size() > UINT32_MAX) {
-        fprintf(stderr, "vxcamctl zlib: '%s' is larger than 4 GiB, which the library cannot take\n",
-                path);
-        return false;
-    }
-    return true;
-}
-
 int WriteOutput(const char* path, const uint8_t* data, size_t size) {
     FILE* out = path != nullptr ? fopen(path, "wb") : stdout;
     if (out == nullptr) {
@@ -174,7 +148,7 @@ int RunZlib(int argc, char** argv) {
     }
 
     std::vector<uint8_t> data;
-    if (!ReadWholeFile(input, &data)) return kExitUsage;
+    if (!ReadWholeFile("zlib", input, &data)) return kExitUsage;
     if (strcmp(operation, "compress") == 0) return Compress(input, data, output);
     if (strcmp(operation, "decompress") == 0) return Decompress(input, data, output);
     if (strcmp(operation, "estimate") == 0) {
