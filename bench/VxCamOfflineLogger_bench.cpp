@@ -1,0 +1,555 @@
+// What a line costs a camera thread, side by side with spdlog, measured in one run on one machine:
+//
+//   AddLog            a pre-formatted 128-byte line into the thread's bucket, 1 and 2 threads
+//   MemcpyLowerBound  the same line copied into a 3 MiB per-thread buffer: the floor for AddLog
+//   SpdlogSync        the same line through spdlog's synchronous file logger, pattern "%v"
+//   SpdlogAsync       the same line through spdlog's asynchronous logger
+//   LogSystem         a message through Log::LogSystem with offline logging on and the Android log
+//                     sent to a null sink, against SpdlogDefaultPattern: the same message formatted
+//                     by spdlog with its default pattern into a file
+//   FilteredMessage   a message the call-site gate turns away
+//   Flush             FlushLogToFile writing full buckets, against Fwrite of 3 MiB blocks
+//
+// Ratios of the medians are printed at the end. Flushes needed by the capture benchmarks run
+// while the clock is stopped: the host runs them on a thread of its own, and they are measured
+// on their own by Flush.
+//
+//   VxCamOfflineLogger_bench [--sysroot DIR] [google-benchmark flags]
+//
+// Without --sysroot the files go to a temporary sysroot, removed at the end. The library reads its
+// properties while it loads, so the program runs itself again with VXCAM_SYSROOT set.
+#include <dirent.h>
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <android/log.h>
+#include <benchmark/benchmark.h>
+#include <spdlog/async.h>
+#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/spdlog.h>
+
+#include "VxCamDebug.h"
+#include "VxCamOfflineLogger.h"
+
+namespace {
+
+using VxCam::VxCamOfflineLogger;
+
+constexpr unsigned kLineLength = 128;
+constexpr unsigned kBucketSize = 3145728;
+constexpr unsigned kLinesPerBucket = kBucketSize / kLineLength;
+constexpr unsigned kFlushBatch = 6;  // the text log's batch: a normal flush writes at 6 requests
+// Lines per thread in one run of a capture benchmark: long enough to cycle the pool, short enough
+// that the files written meanwhile stay in the page cache.
+constexpr int64_t kCaptureLines = int64_t{1} << 21;
+constexpr int64_t kFlushRounds = 8;  // batches of full buckets per run of Flush
+
+struct Context {
+    std::string camera;   // <sysroot>/data/vendor/camera
+    std::string scratch;  // spdlog's and fwrite's files
+    VxCamOfflineLogger* logger = nullptr;
+    char line[kLineLength + 1] = {};
+};
+Context g_context;
+
+void NullSink(const struct __android_log_message*) {}
+
+// Removes what the runs wrote, so that a long run needs no more disk than one batch.
+void RemoveFilesIn(const std::string& folder) {
+    DIR* dir = opendir(folder.c_str());
+    if (dir == nullptr) return;
+    while (dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] == '.') continue;
+        const std::string path = folder + "/" + entry->d_name;
+        struct stat info = {};
+        if (stat(path.c_str(), &info) != 0) continue;
+        if (S_ISDIR(info.st_mode)) {
+            RemoveFilesIn(path);
+        } else {
+            unlink(path.c_str());
+        }
+    }
+    closedir(dir);
+}
+
+void RemoveTree(const std::string& path) {
+    RemoveFilesIn(path);
+    DIR* dir = opendir(path.c_str());
+    if (dir != nullptr) {
+        while (dirent* entry = readdir(dir)) {
+            if (entry->d_name[0] != '.') RemoveTree(path + "/" + entry->d_name);
+        }
+        closedir(dir);
+    }
+    rmdir(path.c_str());
+}
+
+// The threads of one run meet here while the clock is stopped; the first one in does the work.
+class Rendezvous {
+  public:
+    template <typename Work>
+    void Meet(const benchmark::State& state, Work work) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        const uint64_t generation = m_generation;
+        if (++m_arrived < state.threads()) {
+            m_done.wait(lock, [&] { return m_generation != generation; });
+            return;
+        }
+        work();
+        m_arrived = 0;
+        ++m_generation;
+        m_done.notify_all();
+    }
+
+  private:
+    std::mutex m_mutex;
+    std::condition_variable m_done;
+    int m_arrived = 0;
+    uint64_t m_generation = 0;
+};
+Rendezvous g_rendezvous;
+
+// ---- Capture --------------------------------------------------------------------------------
+
+void BM_AddLog(benchmark::State& state) {
+    VxCamOfflineLogger* logger = g_context.logger;
+    const char* line = g_context.line;
+    // The threads together queue one flush batch per round.
+    const int64_t round = int64_t{kLinesPerBucket} * kFlushBatch / state.threads();
+    int64_t left = round;
+    for (auto _ : state) {
+        logger->AddLog(line, kLineLength);
+        if (--left == 0) {
+            left = round;
+            state.PauseTiming();
+            g_rendezvous.Meet(state, [&] { logger->FlushLogToFile(0, 0); });
+            state.ResumeTiming();
+        }
+    }
+    g_rendezvous.Meet(state, [&] {
+        logger->FlushLogToFile(0, 0);
+        RemoveFilesIn(g_context.camera);
+    });
+    state.SetItemsProcessed(state.iterations());
+}
+
+void BM_MemcpyLowerBound(benchmark::State& state) {
+    std::vector<char> buffer(kBucketSize, 0);  // touched before the clock starts
+    char* bucket = buffer.data();
+    const char* line = g_context.line;
+    size_t length = kLineLength;
+    benchmark::DoNotOptimize(length);  // copied as the logger copies: a length known at run time
+    size_t position = 0;
+    for (auto _ : state) {
+        if (position + length > kBucketSize) position = 0;
+        memcpy(bucket + position, line, length);
+        position += length;
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+std::string ScratchFile(const char* name) {
+    return g_context.scratch + "/" + name;
+}
+
+void BM_SpdlogSync(benchmark::State& state) {
+    const std::string path = ScratchFile("spdlog_sync.txt");
+    auto sink = std::make_shared<spdlog::sinks::basic_file_sink_st>(path, true);
+    spdlog::logger logger("sync", sink);
+    logger.set_pattern("%v");
+    // spdlog ends the line itself.
+    const spdlog::string_view_t text(g_context.line, kLineLength - 1);
+    for (auto _ : state) logger.info(text);
+    logger.flush();
+    unlink(path.c_str());
+    state.SetItemsProcessed(state.iterations());
+}
+
+void BM_SpdlogAsync(benchmark::State& state) {
+    const std::string path = ScratchFile("spdlog_async.txt");
+    auto pool = std::make_shared<spdlog::details::thread_pool>(8192, 1);
+    auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(path, true);
+    auto logger = std::make_shared<spdlog::async_logger>("async", sink, pool,
+                                                         spdlog::async_overflow_policy::block);
+    logger->set_pattern("%v");
+    const spdlog::string_view_t text(g_context.line, kLineLength - 1);
+    for (auto _ : state) logger->info(text);
+    logger->flush();
+    logger.reset();
+    pool.reset();  // joins the worker
+    unlink(path.c_str());
+    state.SetItemsProcessed(state.iterations());
+}
+
+// ---- The debug frame ------------------------------------------------------------------------
+
+// A typical HAL message, for the library and for spdlog alike.
+struct Message {
+    unsigned request = 4711;
+    int stream = 2;
+    const char* format = "YUV420NV12";
+    unsigned width = 4000;
+    unsigned height = 3000;
+};
+
+void BM_LogSystem(benchmark::State& state) {
+    VxCamOfflineLogger* logger = g_context.logger;
+    Message message;
+    benchmark::DoNotOptimize(message);
+    int64_t left = 8192;
+    for (auto _ : state) {
+        VXCAM_LOGI(CORE, "request %u stream %d format %s %ux%u", message.request, message.stream,
+                   message.format, message.width, message.height);
+        if (--left == 0) {
+            left = 8192;
+            state.PauseTiming();
+            logger->FlushLogToFile(0, 0);
+            state.ResumeTiming();
+        }
+    }
+    logger->FlushLogToFile(0, 0);
+    RemoveFilesIn(g_context.camera);
+    state.SetItemsProcessed(state.iterations());
+}
+
+void BM_SpdlogDefaultPattern(benchmark::State& state) {
+    const std::string path = ScratchFile("spdlog_default.txt");
+    auto sink = std::make_shared<spdlog::sinks::basic_file_sink_st>(path, true);
+    spdlog::logger logger("frame", sink);  // default pattern: "[%Y-%m-%d %H:%M:%S.%e] [%n] [%l] %v"
+    Message message;
+    benchmark::DoNotOptimize(message);
+    for (auto _ : state) {
+        // The library's frame, word for word: label, group tag, file, line, function, message.
+        logger.info("[INFO    ][CORE   ] {}:" VXCAM_LOG_STRINGIFY(__LINE__) " {}() request {} "
+                    "stream {} format {} {}x{}",
+                    VxCam::Log::GetFileName(VXCAM_LOG_SOURCE), __func__, message.request,
+                    message.stream, message.format, message.width, message.height);
+    }
+    logger.flush();
+    unlink(path.c_str());
+    state.SetItemsProcessed(state.iterations());
+}
+
+void BM_FilteredMessage(benchmark::State& state) {
+    Message message;
+    benchmark::DoNotOptimize(message);
+    for (auto _ : state) {
+        // Verbose is off by default; the gate reads the masks afresh each time.
+        VXCAM_LOGV(CORE, "request %u stream %d format %s %ux%u", message.request, message.stream,
+                   message.format, message.width, message.height);
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+// ---- Flush ----------------------------------------------------------------------------------
+
+void BM_Flush(benchmark::State& state) {
+    VxCamOfflineLogger* logger = g_context.logger;
+    const char* line = g_context.line;
+    // A close writes out what earlier benchmarks left and starts this thread at a bucket's start;
+    // one line then makes every later bucket fill to the byte before it is queued.
+    logger->NotifyCameraClose();
+    logger->AddLog(line, kLineLength);
+    for (auto _ : state) {
+        state.PauseTiming();
+        for (unsigned i = 0; i < kLinesPerBucket * kFlushBatch; ++i) {
+            logger->AddLog(line, kLineLength);
+        }
+        state.ResumeTiming();
+        logger->FlushLogToFile(0, 0);
+    }
+    RemoveFilesIn(g_context.camera);
+    state.SetBytesProcessed(state.iterations() * int64_t{kBucketSize} * kFlushBatch);
+}
+
+void BM_Fwrite(benchmark::State& state) {
+    std::vector<char> block(kBucketSize);
+    for (size_t offset = 0; offset < block.size(); offset += kLineLength) {
+        memcpy(block.data() + offset, g_context.line, kLineLength);
+    }
+    const std::string path = g_context.camera + "/fwrite.txt";  // beside the logger's folders
+    FILE* file = fopen(path.c_str(), "a+");
+    if (file == nullptr) {
+        state.SkipWithError("cannot open a file in the camera folder");
+        return;
+    }
+    for (auto _ : state) {
+        for (unsigned i = 0; i < kFlushBatch; ++i) fwrite(block.data(), 1, block.size(), file);
+    }
+    fclose(file);
+    unlink(path.c_str());
+    state.SetBytesProcessed(state.iterations() * int64_t{kBucketSize} * kFlushBatch);
+}
+
+BENCHMARK(BM_AddLog)->Iterations(kCaptureLines)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(BM_MemcpyLowerBound)->Iterations(kCaptureLines)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(BM_SpdlogSync)->Iterations(kCaptureLines)->UseRealTime();
+BENCHMARK(BM_SpdlogAsync)->Iterations(kCaptureLines)->UseRealTime();
+BENCHMARK(BM_LogSystem)->UseRealTime();
+BENCHMARK(BM_SpdlogDefaultPattern)->UseRealTime();
+BENCHMARK(BM_FilteredMessage)->UseRealTime();
+BENCHMARK(BM_Flush)->Iterations(kFlushRounds)->UseRealTime();
+BENCHMARK(BM_Fwrite)->Iterations(kFlushRounds)->UseRealTime();
+
+// ---- Ratios ---------------------------------------------------------------------------------
+
+// The console report, then each goal as a ratio of medians (of the single run without
+// repetitions).
+class RatioReporter : public benchmark::ConsoleReporter {
+  public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& run : runs) {
+            if (run.error_occurred) continue;
+            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+            if (run.run_type == Run::RT_Aggregate && !median) continue;
+            std::string key = run.run_name.function_name;
+            if (!run.run_name.threads.empty()) key += "/" + run.run_name.threads;
+            Figure& figure = m_figures[key];
+            if (figure.fromMedian && !median) continue;
+            figure.fromMedian = median;
+            figure.nsPerItem = run.GetAdjustedRealTime();  // the unit is ns throughout
+            auto rate = run.counters.find("items_per_second");
+            figure.itemsPerSecond = rate != run.counters.end() ? rate->second.value : 0.0;
+            auto bytes = run.counters.find("bytes_per_second");
+            figure.bytesPerSecond = bytes != run.counters.end() ? bytes->second.value : 0.0;
+            ++figure.repetitions;
+        }
+    }
+
+    void Finalize() override {
+        ConsoleReporter::Finalize();
+        FILE* out = stdout;
+        fprintf(out, "\nFigures (%s):\n",
+                AnyMedian() ? "medians of the repetitions" : "single runs; add repetitions");
+        const Figure* addLog1 = Find("BM_AddLog/threads:1");
+        const Figure* addLog2 = Find("BM_AddLog/threads:2");
+        const Figure* copy = Find("BM_MemcpyLowerBound/threads:1");
+        const Figure* sync = Find("BM_SpdlogSync");
+        const Figure* async = Find("BM_SpdlogAsync");
+        const Figure* frame = Find("BM_LogSystem");
+        const Figure* spdFrame = Find("BM_SpdlogDefaultPattern");
+        const Figure* gate = Find("BM_FilteredMessage");
+        const Figure* flush = Find("BM_Flush");
+        const Figure* fwrite = Find("BM_Fwrite");
+        if (addLog1 != nullptr) {
+            fprintf(out, "  AddLog, 1 thread             %8.2f ns/line  %14.0f lines/s\n",
+                    addLog1->nsPerItem, addLog1->itemsPerSecond);
+        }
+        if (addLog2 != nullptr) {
+            fprintf(out, "  AddLog, 2 threads            %8.2f ns/line  %14.0f lines/s\n",
+                    addLog2->nsPerItem, addLog2->itemsPerSecond);
+        }
+        if (copy != nullptr) {
+            fprintf(out, "  memcpy lower bound, 1 thread %8.2f ns/line  %14.0f lines/s\n",
+                    copy->nsPerItem, copy->itemsPerSecond);
+        }
+        if (sync != nullptr) {
+            fprintf(out, "  spdlog synchronous, \"%%v\"    %8.2f ns/line  %14.0f lines/s\n",
+                    sync->nsPerItem, sync->itemsPerSecond);
+        }
+        if (async != nullptr) {
+            fprintf(out, "  spdlog asynchronous, \"%%v\"   %8.2f ns/line  %14.0f lines/s\n",
+                    async->nsPerItem, async->itemsPerSecond);
+        }
+        if (frame != nullptr) {
+            fprintf(out, "  Log::LogSystem, offline on   %8.2f ns/message\n", frame->nsPerItem);
+        }
+        if (spdFrame != nullptr) {
+            fprintf(out, "  spdlog default pattern       %8.2f ns/message\n", spdFrame->nsPerItem);
+        }
+        if (gate != nullptr) {
+            fprintf(out, "  filtered message             %8.2f ns/message\n", gate->nsPerItem);
+        }
+        if (flush != nullptr) {
+            fprintf(out, "  FlushLogToFile, full buckets %8.0f MB/s\n", flush->bytesPerSecond / 1e6);
+        }
+        if (fwrite != nullptr) {
+            fprintf(out, "  fwrite of 3 MiB blocks       %8.0f MB/s\n",
+                    fwrite->bytesPerSecond / 1e6);
+        }
+
+        fprintf(out, "\nGoals:\n");
+        if (addLog1 != nullptr && copy != nullptr) {
+            Ratio(out, "AddLog / memcpy lower bound, 1 thread",
+                  addLog1->nsPerItem / copy->nsPerItem, "at most", 2.0);
+        }
+        if (addLog1 != nullptr && sync != nullptr) {
+            Ratio(out, "spdlog synchronous / AddLog, 1 thread",
+                  sync->nsPerItem / addLog1->nsPerItem, "at least", 5.0);
+        }
+        if (addLog1 != nullptr && async != nullptr) {
+            fprintf(out, "  %-46s %8.2f\n", "spdlog asynchronous / AddLog, 1 thread",
+                    async->nsPerItem / addLog1->nsPerItem);
+        }
+        if (addLog1 != nullptr && addLog2 != nullptr) {
+            Ratio(out, "AddLog lines/s, 2 threads / 1 thread",
+                  addLog2->itemsPerSecond / addLog1->itemsPerSecond, "at least", 1.8);
+        }
+        if (frame != nullptr && spdFrame != nullptr) {
+            Ratio(out, "Log::LogSystem / spdlog default pattern",
+                  frame->nsPerItem / spdFrame->nsPerItem, "at most", 1.0);
+        }
+        if (gate != nullptr) {
+            Ratio(out, "filtered message, ns", gate->nsPerItem, "under", 2.0);
+        }
+        if (flush != nullptr && fwrite != nullptr) {
+            Ratio(out, "FlushLogToFile / fwrite throughput",
+                  flush->bytesPerSecond / fwrite->bytesPerSecond, "at least", 0.8);
+        }
+    }
+
+  private:
+    struct Figure {
+        double nsPerItem = 0;
+        double itemsPerSecond = 0;
+        double bytesPerSecond = 0;
+        bool fromMedian = false;
+        int repetitions = 0;
+    };
+
+    const Figure* Find(const std::string& name) const {
+        auto found = m_figures.find(name);
+        return found != m_figures.end() ? &found->second : nullptr;
+    }
+    bool AnyMedian() const {
+        for (const auto& entry : m_figures) {
+            if (entry.second.fromMedian) return true;
+        }
+        return false;
+    }
+    static void Ratio(FILE* out, const char* name, double value, const char* relation,
+                      double bound) {
+        const bool met = strcmp(relation, "at most") == 0 ? value <= bound
+                         : strcmp(relation, "under") == 0 ? value < bound
+                                                          : value >= bound;
+        fprintf(out, "  %-46s %8.2f  (goal: %s %.1f)  %s\n", name, value, relation, bound,
+                met ? "met" : "NOT MET");
+    }
+
+    std::map<std::string, Figure> m_figures;
+};
+
+// ---- Set-up ---------------------------------------------------------------------------------
+
+constexpr char kOwnedSysroot[] = "VXCAM_BENCH_OWNED_SYSROOT";
+
+bool WriteFile(const std::string& path, const char* text) {
+    FILE* file = fopen(path.c_str(), "w");
+    if (file == nullptr) return false;
+    fputs(text, file);
+    return fclose(file) == 0;
+}
+
+// Makes sure the library will load with offline logging on under a sysroot of ours; returns false
+// when the program has to run again (it then does not come back) or cannot.
+bool PrepareSysroot(int* argc, char** argv) {
+    std::string chosen;
+    int out = 1;
+    for (int i = 1; i < *argc; ++i) {
+        if (strcmp(argv[i], "--sysroot") == 0 && i + 1 < *argc) {
+            chosen = argv[++i];
+        } else if (strncmp(argv[i], "--sysroot=", 10) == 0) {
+            chosen = argv[i] + 10;
+        } else {
+            argv[out++] = argv[i];
+        }
+    }
+    const char* current = getenv("VXCAM_SYSROOT");
+    if (current != nullptr && getenv(kOwnedSysroot) != nullptr) {
+        *argc = out;
+        argv[out] = nullptr;
+        return true;  // the second run
+    }
+    if (chosen.empty()) {
+        const char* tmp = getenv("TMPDIR");
+        std::string pattern = std::string(tmp != nullptr ? tmp : "/tmp") + "/vxcambench.XXXXXX";
+        std::vector<char> name(pattern.begin(), pattern.end());
+        name.push_back('\0');
+        if (mkdtemp(name.data()) == nullptr) {
+            perror("mkdtemp");
+            return false;
+        }
+        chosen = name.data();
+        mkdir((chosen + "/vendor").c_str(), 0755);
+        mkdir((chosen + "/data").c_str(), 0755);
+        mkdir((chosen + "/data/vendor").c_str(), 0755);
+        mkdir((chosen + "/data/vendor/camera").c_str(), 0755);
+        if (!WriteFile(chosen + "/vendor/build.prop", "vendor.camera.vcf.LogOfflineEnable=1\n")) {
+            fprintf(stderr, "cannot write %s/vendor/build.prop\n", chosen.c_str());
+            return false;
+        }
+        setenv(kOwnedSysroot, "1", 1);
+    } else {
+        char resolved[PATH_MAX];
+        if (realpath(chosen.c_str(), resolved) != nullptr) chosen = resolved;
+        setenv(kOwnedSysroot, "0", 1);
+    }
+    setenv("VXCAM_SYSROOT", chosen.c_str(), 1);
+    setenv("ANDROID_LOG_TAGS", "*:w", 0);  // no settings listing ahead of the figures
+    execv("/proc/self/exe", argv);
+    perror("execv");
+    return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (!PrepareSysroot(&argc, argv)) return 1;
+    const std::string sysroot = getenv("VXCAM_SYSROOT");
+    const bool owned = strcmp(getenv(kOwnedSysroot), "1") == 0;
+    g_context.camera = sysroot + "/data/vendor/camera";
+    g_context.scratch = g_context.camera + "/bench";
+    mkdir(g_context.scratch.c_str(), 0755);
+
+    if (VxCam::g_logInfo.offlineLogEnable != 1) {
+        fprintf(stderr,
+                "offline logging is off under %s: set vendor.camera.vcf.LogOfflineEnable=1 in its "
+                "vendor/build.prop\n",
+                sysroot.c_str());
+        return 1;
+    }
+    // What a host does once it is up: the masks are loaded, so the call-site gate decides alone.
+    VxCam::g_logInfoUpdated = 1;
+    __android_log_set_logger(NullSink);
+    g_context.logger = VxCamOfflineLogger::GetInstance(VxCam::OfflineLog);
+    if (g_context.logger == nullptr || g_context.logger->GetSettingLink() != 1) {
+        fprintf(stderr, "the offline logger did not start under %s (3000 MB free needed)\n",
+                sysroot.c_str());
+        return 1;
+    }
+    // A line as Log::LogSystem writes it: time, pid, tid, level, tag, frame and text.
+    static const char kText[] =
+            "11-21 10:00:00:123456789  4242  4243 I VxCam: [INFO    ][CORE   ] CameraNode:812 "
+            "ProcessRequest() request 4711 stream 2";
+    static_assert(sizeof(kText) - 1 < kLineLength, "the text fits the line");
+    memset(g_context.line, ' ', kLineLength);
+    memcpy(g_context.line, kText, sizeof(kText) - 1);
+    g_context.line[kLineLength - 1] = '\n';
+
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    printf("sysroot: %s%s\n", sysroot.c_str(), owned ? " (temporary)" : "");
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+
+    g_context.logger->NotifyCameraClose();
+    RemoveFilesIn(g_context.camera);
+    if (owned) RemoveTree(sysroot);
+    return 0;
+}
