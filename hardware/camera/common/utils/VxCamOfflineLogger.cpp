@@ -3,12 +3,15 @@
 #include "VxCamOfflineLogger.h"
 
 #include <errno.h>
+#include <linux/membarrier.h>
 #include <math.h>
 #include <pthread.h>
+#include <sched.h>
 #include <stdarg.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <sys/sysinfo.h>
 #include <sys/time.h>
 #include <time.h>
@@ -32,19 +35,194 @@
 
 namespace VxCam {
 
+namespace {
+
+// ---- Thread lock internals ----------------------------------------------------------------------
+
+// One per capturing thread, on a cache line of its own (two, for CPUs that fetch lines in pairs):
+// a shared hold writes only here, so capturing threads never contend for a line.
+struct alignas(128) ReaderSlot {
+    std::atomic<uint32_t> inside{0};  // the owning thread holds the lock shared
+    std::atomic<uint32_t> owned{0};   // claimed by a live thread
+};
+
+// Plenty for the threads of one camera process that log; threads beyond share one counter.
+constexpr size_t kReaderSlots = 256;
+
+struct ThreadLockState {
+    ReaderSlot* slot;  // this thread's own slot; null before its first hold, when every slot was
+                       // taken, and once its exit has begun
+    uint32_t depth;    // shared holds, plus one while it holds the lock exclusively
+    uint8_t claimed;   // a slot was sought; later holds without a slot use the shared counter
+    uint8_t light;     // announce holds with a plain store (exclusive holders use membarrier)
+    uint8_t counted;   // the outermost hold is in the shared counter, not in the slot
+};
+// This thread's capture state as one thread-local: the lock state, and where its exported
+// per-type arrays live (found once, on its first line). The capture reaches everything it needs
+// for a line from here with a single look-up of the thread-local block; compilers repeat the
+// look-up for each array otherwise.
+struct CaptureThread {
+    ThreadLockState lock;
+    uint32_t* sessionCnt;
+    unsigned char** logBuffer;
+    int32_t* queuePoolId;
+    uint32_t* logSize;
+    uint32_t* logCurPos;
+    uint32_t* flushDone;
+};
+thread_local CaptureThread t_capture = {};
+
+// Whether an exclusive holder can make every CPU running one of this process's threads execute a
+// full memory barrier (membarrier, Linux 4.14). Shared holders then need none of their own: the
+// expensive half of the handshake moves to the rare side. Decided once per process.
+bool HeavyBarrierAvailable() {
+    static const bool available = [] {
+        const long commands = syscall(__NR_membarrier, MEMBARRIER_CMD_QUERY, 0, 0);
+        if (commands < 0 || (commands & MEMBARRIER_CMD_PRIVATE_EXPEDITED) == 0) return false;
+        return syscall(__NR_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+    }();
+    return available;
+}
+
+void WaitUntilZero(const std::atomic<uint32_t>& word, uint32_t own) {
+    for (unsigned round = 0; word.load(std::memory_order_acquire) != own; ++round) {
+        if (round < 64) {
+            sched_yield();
+        } else {
+            // A reader may wait for the pool lock behind a flush that writes files.
+            const timespec pause = {0, 100000};
+            nanosleep(&pause, nullptr);
+        }
+    }
+}
+
+}  // namespace
+
 // Capture holds it shared for one line; camera close, disable and pool clean-up hold it
 // exclusively while buckets are written out or released. Constant-initialised and never
-// destroyed, so threads still logging while the process exits find it intact.
+// destroyed, so threads still logging while the process exits find it intact. There is one in the
+// process: the per-thread state above belongs to it.
+//
+// A shared holder stores 1 into its own slot, then reads the writer flag; an exclusive holder
+// raises the flag, then waits until every slot reads 0. Either the reader sees the flag and backs
+// off, or the writer sees the reader's slot and waits: that needs a full barrier between each
+// side's store and load, which the exclusive side issues for both (membarrier) when the system
+// allows, and each side issues for itself (sequentially consistent operations) when it does not.
+// Readers that find the flag raised back off and sleep on the writers' mutex, so a waiting
+// exclusive holder is not starved by a stream of lines. Holds nest: a thread that holds the lock
+// either way takes it shared again for free.
 class OfflineLoggerThreadLock {
   public:
     constexpr OfflineLoggerThreadLock() = default;
-    void LockShared() { pthread_rwlock_rdlock(&m_lock); }
-    void UnlockShared() { pthread_rwlock_unlock(&m_lock); }
-    void Lock() { pthread_rwlock_wrlock(&m_lock); }
-    void Unlock() { pthread_rwlock_unlock(&m_lock); }
+
+    void LockShared() { LockShared(t_capture.lock); }
+    void UnlockShared() { UnlockShared(t_capture.lock); }
+
+    __attribute__((always_inline)) void LockShared(ThreadLockState& self) {
+        if (self.depth++ != 0) return;
+        ReaderSlot* slot = self.slot;
+        if (slot != nullptr && self.light != 0) {
+            slot->inside.store(1, std::memory_order_relaxed);
+            // Keeps the compiler from swapping the store and the load; the CPU may still, and the
+            // exclusive holder's barrier on every CPU covers that.
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+            if (m_writer.load(std::memory_order_acquire) == 0) return;
+            slot->inside.store(0, std::memory_order_release);
+        }
+        LockSharedSlow(self);
+    }
+
+    __attribute__((always_inline)) void UnlockShared(ThreadLockState& self) {
+        if (--self.depth != 0) return;
+        if (self.counted != 0) {
+            self.counted = 0;
+            m_countedReaders.fetch_sub(1, std::memory_order_release);
+        } else {
+            self.slot->inside.store(0, std::memory_order_release);
+        }
+    }
+
+    void Lock() {
+        ThreadLockState& self = t_capture.lock;
+        pthread_mutex_lock(&m_writerMutex);
+        m_writer.store(1, std::memory_order_seq_cst);
+        if (HeavyBarrierAvailable())
+            syscall(__NR_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
+        // A thread that already holds it shared is let through rather than left waiting on itself.
+        const bool holding = self.depth != 0;
+        for (ReaderSlot& slot : m_slots) {
+            WaitUntilZero(slot.inside, holding && &slot == self.slot && self.counted == 0 ? 1 : 0);
+        }
+        WaitUntilZero(m_countedReaders, holding && self.counted != 0 ? 1 : 0);
+        ++self.depth;
+    }
+
+    void Unlock() {
+        --t_capture.lock.depth;
+        m_writer.store(0, std::memory_order_release);
+        pthread_mutex_unlock(&m_writerMutex);
+    }
 
   private:
-    pthread_rwlock_t m_lock = PTHREAD_RWLOCK_INITIALIZER;
+    // Gives the thread back its slot when it exits; later holds on the way out are counted.
+    struct SlotLease {
+        ~SlotLease() {
+            ThreadLockState& self = t_capture.lock;
+            if (self.slot == nullptr || self.depth != 0) return;
+            self.slot->owned.store(0, std::memory_order_release);
+            self.slot = nullptr;
+        }
+    };
+
+    void ClaimSlot(ThreadLockState& self) {
+        self.claimed = 1;
+        self.light = HeavyBarrierAvailable() ? 1 : 0;
+        const uint32_t start = m_nextSlot.fetch_add(1, std::memory_order_relaxed);
+        for (size_t i = 0; i < kReaderSlots; ++i) {
+            ReaderSlot& slot = m_slots[(start + i) % kReaderSlots];
+            uint32_t free = 0;
+            if (slot.owned.load(std::memory_order_relaxed) == 0 &&
+                slot.owned.compare_exchange_strong(free, 1, std::memory_order_acquire)) {
+                self.slot = &slot;
+                thread_local SlotLease lease;
+                (void)lease;
+                return;
+            }
+        }
+    }
+
+    void LockSharedSlow(ThreadLockState& self) {
+        if (self.claimed == 0) ClaimSlot(self);
+        for (;;) {
+            if (self.slot != nullptr) {
+                if (self.light != 0) {
+                    self.slot->inside.store(1, std::memory_order_relaxed);
+                    std::atomic_signal_fence(std::memory_order_seq_cst);
+                    if (m_writer.load(std::memory_order_acquire) == 0) return;
+                } else {
+                    self.slot->inside.store(1, std::memory_order_seq_cst);
+                    if (m_writer.load(std::memory_order_seq_cst) == 0) return;
+                }
+                self.slot->inside.store(0, std::memory_order_release);
+            } else {
+                m_countedReaders.fetch_add(1, std::memory_order_seq_cst);
+                if (m_writer.load(std::memory_order_seq_cst) == 0) {
+                    self.counted = 1;
+                    return;
+                }
+                m_countedReaders.fetch_sub(1, std::memory_order_release);
+            }
+            // An exclusive holder has the lock or is about to: sleep until it lets go.
+            pthread_mutex_lock(&m_writerMutex);
+            pthread_mutex_unlock(&m_writerMutex);
+        }
+    }
+
+    ReaderSlot m_slots[kReaderSlots];
+    alignas(128) std::atomic<uint32_t> m_countedReaders{0};
+    alignas(128) std::atomic<uint32_t> m_writer{0};
+    std::atomic<uint32_t> m_nextSlot{0};
+    pthread_mutex_t m_writerMutex = PTHREAD_MUTEX_INITIALIZER;
 };
 
 namespace {
@@ -83,11 +261,16 @@ bool IsValidType(uint32_t type) {
 
 class SharedHold {
   public:
-    explicit SharedHold(OfflineLoggerThreadLock& lock) : m_lock(lock) { m_lock.LockShared(); }
-    ~SharedHold() { m_lock.UnlockShared(); }
+    __attribute__((always_inline)) SharedHold(OfflineLoggerThreadLock& lock, ThreadLockState& self)
+        : m_lock(lock), m_self(self) {
+        m_lock.LockShared(m_self);
+    }
+    explicit SharedHold(OfflineLoggerThreadLock& lock) : SharedHold(lock, t_capture.lock) {}
+    __attribute__((always_inline)) ~SharedHold() { m_lock.UnlockShared(m_self); }
 
   private:
     OfflineLoggerThreadLock& m_lock;
+    ThreadLockState& m_self;
 };
 
 class ExclusiveHold {
@@ -154,6 +337,29 @@ thread_local uint32_t VxCamOfflineLogger::s_threadLocalLogSize[4] = {};
 thread_local uint32_t VxCamOfflineLogger::s_threadLocalLogCurPos[4] = {};
 thread_local uint32_t VxCamOfflineLogger::s_threadLocalFlushDone[4] = {};
 thread_local LifetimeThreadInfo VxCamOfflineLogger::s_threadLocalLifeTime[4] = {};
+
+// The capture reads the thread-locals above for every line. Their exported names may be
+// interposed, so each costs a run-time look-up of its own; these aliases of the same storage are
+// bound within the library, so a line looks up the library's thread-local block once.
+#define VXCAM_LOCAL_ALIAS(symbol) \
+    __attribute__((alias(#symbol), tls_model("local-dynamic"), visibility("hidden")))
+namespace {
+extern __thread uint32_t t_segmentCnt[4] VXCAM_LOCAL_ALIAS(
+        _ZN5VxCam18VxCamOfflineLogger23s_threadLocalSegmentCntE);
+extern __thread unsigned char* t_logBuffer[4] VXCAM_LOCAL_ALIAS(
+        _ZN5VxCam18VxCamOfflineLogger23s_pThreadLocalLogBufferE);
+extern __thread int32_t t_queuePoolId[4] VXCAM_LOCAL_ALIAS(
+        _ZN5VxCam18VxCamOfflineLogger24s_threadLocalQueuePoolIdE);
+extern __thread uint32_t t_sessionCnt[4] VXCAM_LOCAL_ALIAS(
+        _ZN5VxCam18VxCamOfflineLogger23s_threadLocalSessionCntE);
+extern __thread uint32_t t_logSize[4] VXCAM_LOCAL_ALIAS(
+        _ZN5VxCam18VxCamOfflineLogger20s_threadLocalLogSizeE);
+extern __thread uint32_t t_logCurPos[4] VXCAM_LOCAL_ALIAS(
+        _ZN5VxCam18VxCamOfflineLogger22s_threadLocalLogCurPosE);
+extern __thread uint32_t t_flushDone[4] VXCAM_LOCAL_ALIAS(
+        _ZN5VxCam18VxCamOfflineLogger22s_threadLocalFlushDoneE);
+}  // namespace
+#undef VXCAM_LOCAL_ALIAS
 
 // ---- Instances ----------------------------------------------------------------------------------
 
@@ -350,7 +556,7 @@ int VxCamOfflineLogger::RequestNewLogQueue(unsigned char*& buffer, unsigned int 
     int registerId = -1;
     buffer = nullptr;
     std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
-    const uint32_t sessionCnt = s_threadLocalSessionCnt[type];
+    const uint32_t sessionCnt = t_sessionCnt[type];
     ++m_requestMemoryCount;
     try {
         // A pool that has to grow does not hand out a free registerId on the same request.
@@ -431,9 +637,8 @@ LifetimeThreadInfo::~LifetimeThreadInfo() {
     SharedHold hold(*VxCamOfflineLogger::m_pThreadLock);
     // A camera close or a clean-up since the bucket was taken has already written or released
     // it, and the registerId may belong to another thread by now.
-    if (VxCamOfflineLogger::s_pThreadLocalLogBuffer[index] == nullptr ||
-        VxCamOfflineLogger::s_threadLocalSessionCnt[index] !=
-                logger->m_sessionCount.load(std::memory_order_relaxed)) {
+    if (t_logBuffer[index] == nullptr ||
+        t_sessionCnt[index] != logger->m_sessionCount.load(std::memory_order_relaxed)) {
         return;
     }
     logger->RequestFlushLogQueue(registerId, 0);
@@ -442,27 +647,26 @@ LifetimeThreadInfo::~LifetimeThreadInfo() {
 // ---- Capture ------------------------------------------------------------------------------------
 
 int VxCamOfflineLogger::RegisterThread(unsigned int type) {
-    s_threadLocalSessionCnt[type] = m_sessionCount.load(std::memory_order_relaxed);
-    s_threadLocalLogSize[type] = 0;
-    s_threadLocalSegmentCnt[type] = 1;
-    s_threadLocalLogCurPos[type] = 0;
-    s_threadLocalFlushDone[type] = 0;
-    s_threadLocalQueuePoolId[type] =
-            RequestNewLogQueue(s_pThreadLocalLogBuffer[type], static_cast<unsigned int>(gettid()),
-                               static_cast<int>(s_threadLocalSegmentCnt[type]));
-    return s_threadLocalQueuePoolId[type];
+    t_sessionCnt[type] = m_sessionCount.load(std::memory_order_relaxed);
+    t_logSize[type] = 0;
+    t_segmentCnt[type] = 1;
+    t_logCurPos[type] = 0;
+    t_flushDone[type] = 0;
+    t_queuePoolId[type] = RequestNewLogQueue(t_logBuffer[type], static_cast<unsigned int>(gettid()),
+                                             static_cast<int>(t_segmentCnt[type]));
+    return t_queuePoolId[type];
 }
 
 void VxCamOfflineLogger::AppendToBucket(unsigned int type, const char* log, unsigned int length) {
-    memcpy(s_pThreadLocalLogBuffer[type] + s_threadLocalLogCurPos[type], log, length);
-    s_threadLocalLogCurPos[type] += length;
-    s_threadLocalLogSize[type] += length;
-    const int32_t registerId = s_threadLocalQueuePoolId[type];
+    memcpy(t_logBuffer[type] + t_logCurPos[type], log, length);
+    const uint32_t curPos = t_logCurPos[type] += length;
+    const uint32_t logSize = t_logSize[type] += length;
+    const int32_t registerId = t_queuePoolId[type];
     if (registerId >= 0 && registerId < m_registrationCount.load(std::memory_order_relaxed)) {
         // data(): the table's start never moves, while its end may grow under another thread.
         PerLogThreadInfo& info = m_perLogInfoPool.data()[registerId];
-        info.logSize = s_threadLocalLogCurPos[type];
-        info.fileSize = s_threadLocalLogSize[type];
+        info.logSize = curPos;
+        info.fileSize = logSize;
     }
 }
 
@@ -487,49 +691,79 @@ int VxCamOfflineLogger::AddLog(const char* log, unsigned int length) {
     if (length > bucketSize) length = bucketSize;
     if (length == 0) return 0;
 
-    SharedHold hold(*m_pThreadLock);
-    if (s_threadLocalSessionCnt[type] != m_sessionCount.load(std::memory_order_relaxed)) {
+    // GCC recomputes a thread-local's address, with a call into the dynamic linker, wherever it is
+    // used rather than keep it; passed through an empty asm it is an ordinary value to keep.
+    CaptureThread* capture = &t_capture;
+    asm("" : "+r"(capture));
+    CaptureThread& self = *capture;
+    if (self.logCurPos == nullptr) {
+        self.sessionCnt = t_sessionCnt;
+        self.logBuffer = t_logBuffer;
+        self.queuePoolId = t_queuePoolId;
+        self.logSize = t_logSize;
+        self.logCurPos = t_logCurPos;
+        self.flushDone = t_flushDone;
+    }
+    SharedHold hold(*m_pThreadLock, self.lock);
+    // The common line: registered in this session, no flush of everything since the last line,
+    // room in the bucket and in the segment. Any other case takes the steps below in their order.
+    const uint32_t curPos = self.logCurPos[type];
+    unsigned char* const bucket = self.logBuffer[type];
+    const int32_t registerId = self.queuePoolId[type];
+    if (self.sessionCnt[type] == m_sessionCount.load(std::memory_order_relaxed) &&
+        bucket != nullptr &&
+        (self.flushDone[type] != 0 || m_sessionFlushState.load(std::memory_order_relaxed) == 0) &&
+        uint64_t{curPos} + length <= bucketSize && self.logSize[type] <= kSegmentLimit &&
+        registerId >= 0 && registerId < m_registrationCount.load(std::memory_order_relaxed)) {
+        memcpy(bucket + curPos, log, length);
+        const uint32_t segmentSize = self.logSize[type] += length;
+        self.logCurPos[type] = curPos + length;
+        PerLogThreadInfo& info = m_perLogInfoPool.data()[registerId];
+        info.logSize = curPos + length;
+        info.fileSize = segmentSize;
+        return 0;
+    }
+    if (t_sessionCnt[type] != m_sessionCount.load(std::memory_order_relaxed)) {
         // First line of this thread, or first since a camera close or clean-up.
         RegisterThread(type);
-    } else if (s_pThreadLocalLogBuffer[type] == nullptr) {
+    } else if (t_logBuffer[type] == nullptr) {
         return 0;  // no bucket could be had in this session
     } else {
         const uint32_t flushState = m_sessionFlushState.load(std::memory_order_relaxed);
-        if (s_threadLocalFlushDone[type] == 0 && flushState != 0) {
+        if (t_flushDone[type] == 0 && flushState != 0) {
             // A flush of every bucket has written this one out: start it over.
-            s_threadLocalFlushDone[type] = flushState;
-            s_threadLocalLogSize[type] = 0;
-            s_threadLocalLogCurPos[type] = 0;
-            const int32_t registerId = s_threadLocalQueuePoolId[type];
+            t_flushDone[type] = flushState;
+            t_logSize[type] = 0;
+            t_logCurPos[type] = 0;
+            const int32_t registerId = t_queuePoolId[type];
             if (registerId >= 0 && registerId < m_registrationCount.load(std::memory_order_relaxed))
                 m_perLogInfoPool.data()[registerId].logSize = 0;
         }
         // The bucket test comes first, so a segment ends only on a line that fits its bucket.
-        if (s_threadLocalLogCurPos[type] + length > bucketSize) {
-            RequestFlushLogQueue(s_threadLocalQueuePoolId[type], 0);
-            s_threadLocalQueuePoolId[type] = RequestNewLogQueue(
-                    s_pThreadLocalLogBuffer[type], static_cast<unsigned int>(gettid()),
-                    static_cast<int>(s_threadLocalSegmentCnt[type]));
-            s_threadLocalLogCurPos[type] = 0;
-        } else if (s_threadLocalLogSize[type] > kSegmentLimit) {
-            ++s_threadLocalSegmentCnt[type];
-            s_threadLocalLogSize[type] = 0;
-            RequestFlushLogQueue(s_threadLocalQueuePoolId[type], 1);
-            s_threadLocalQueuePoolId[type] = RequestNewLogQueue(
-                    s_pThreadLocalLogBuffer[type], static_cast<unsigned int>(gettid()),
-                    static_cast<int>(s_threadLocalSegmentCnt[type]));
-            s_threadLocalLogCurPos[type] = 0;
-        } else if (s_threadLocalQueuePoolId[type] >=
-                   m_registrationCount.load(std::memory_order_relaxed)) {
+        if (t_logCurPos[type] + length > bucketSize) {
+            RequestFlushLogQueue(t_queuePoolId[type], 0);
+            t_queuePoolId[type] =
+                    RequestNewLogQueue(t_logBuffer[type], static_cast<unsigned int>(gettid()),
+                                       static_cast<int>(t_segmentCnt[type]));
+            t_logCurPos[type] = 0;
+        } else if (t_logSize[type] > kSegmentLimit) {
+            ++t_segmentCnt[type];
+            t_logSize[type] = 0;
+            RequestFlushLogQueue(t_queuePoolId[type], 1);
+            t_queuePoolId[type] =
+                    RequestNewLogQueue(t_logBuffer[type], static_cast<unsigned int>(gettid()),
+                                       static_cast<int>(t_segmentCnt[type]));
+            t_logCurPos[type] = 0;
+        } else if (t_queuePoolId[type] >= m_registrationCount.load(std::memory_order_relaxed)) {
             OFFLINE_LOGE(
                     "Exceed per thrad pool size, Local:%d, m_sessionCount:%d, pool size:%zu, "
                     "PoolId: %d",
-                    s_threadLocalSessionCnt[type], m_sessionCount.load(),
-                    static_cast<size_t>(m_registrationCount.load()), s_threadLocalQueuePoolId[type]);
+                    t_sessionCnt[type], m_sessionCount.load(),
+                    static_cast<size_t>(m_registrationCount.load()), t_queuePoolId[type]);
             RegisterThread(type);
         }
     }
-    if (s_pThreadLocalLogBuffer[type] != nullptr) AppendToBucket(type, log, length);
+    if (t_logBuffer[type] != nullptr) AppendToBucket(type, log, length);
     return 0;
 }
 
@@ -855,10 +1089,9 @@ int VxCamOfflineLogger::SetCleanupTriggerLink(void (*trigger)(OfflineLoggerType)
 }
 
 void VxCamOfflineLogger::RequestBucketInPlace(unsigned int type) {
-    s_threadLocalQueuePoolId[type] =
-            RequestNewLogQueue(s_pThreadLocalLogBuffer[type], static_cast<unsigned int>(gettid()),
-                               static_cast<int>(s_threadLocalSegmentCnt[type]));
-    s_threadLocalLogCurPos[type] = 0;
+    t_queuePoolId[type] = RequestNewLogQueue(t_logBuffer[type], static_cast<unsigned int>(gettid()),
+                                             static_cast<int>(t_segmentCnt[type]));
+    t_logCurPos[type] = 0;
 }
 
 void VxCamOfflineLogger::SetMultiPathMode(int mode) {
