@@ -27,11 +27,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <condition_variable>
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <android/log.h>
@@ -96,28 +97,28 @@ void RemoveTree(const std::string& path) {
     rmdir(path.c_str());
 }
 
-// The threads of one run meet here while the clock is stopped; the first one in does the work.
+// The threads of one run meet here while the clock is stopped; the last one in does the work. The
+// others spin rather than sleep: a thread woken from a sleep tends to be put on its waker's CPU,
+// and the two would then share one core for a while after the clock has started again.
 class Rendezvous {
   public:
     template <typename Work>
     void Meet(const benchmark::State& state, Work work) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        const uint64_t generation = m_generation;
-        if (++m_arrived < state.threads()) {
-            m_done.wait(lock, [&] { return m_generation != generation; });
+        const uint64_t generation = m_generation.load(std::memory_order_acquire);
+        if (m_arrived.fetch_add(1, std::memory_order_acq_rel) + 1 < state.threads()) {
+            while (m_generation.load(std::memory_order_acquire) == generation) {
+                std::this_thread::yield();
+            }
             return;
         }
         work();
-        m_arrived = 0;
-        ++m_generation;
-        m_done.notify_all();
+        m_arrived.store(0, std::memory_order_relaxed);
+        m_generation.fetch_add(1, std::memory_order_release);
     }
 
   private:
-    std::mutex m_mutex;
-    std::condition_variable m_done;
-    int m_arrived = 0;
-    uint64_t m_generation = 0;
+    std::atomic<int> m_arrived{0};
+    std::atomic<uint64_t> m_generation{0};
 };
 Rendezvous g_rendezvous;
 

@@ -9,6 +9,7 @@
 #include <sched.h>
 #include <stdarg.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
@@ -21,6 +22,7 @@
 #include <chrono>
 #include <fstream>
 #include <new>
+#include <unordered_map>
 
 #include <VxCamPortPath.h>
 #include <log/log.h>
@@ -313,6 +315,125 @@ std::string Timestamp() {
     return text;
 }
 
+// ---- Bucket memory -------------------------------------------------------------------------------
+// Each bucket is a private anonymous mapping of its own, so it costs address space only until a
+// thread writes into it. After its flush a bucket is zeroed without touching its untouched pages:
+// its written pages either move to the bucket next in line in the free list (zeroed first, then
+// moved whole with mremap), or go back to the system (MADV_DONTNEED), and the bucket reads as zeros
+// either way. Moving them is for the capture's sake: a page that comes fresh from the kernel costs a
+// fault and a clear, more than the lines written into it, while a moved page is ready. Buckets
+// holding moved pages are the first in line (the heir is the first bucket in line without any), so
+// a thread takes a bucket without pages only when no bucket with pages is free: the pool's resident
+// memory never exceeds what was in flight at its busiest. The caller bounds how many free buckets
+// keep pages after a burst, and a reset of the pool (camera close) gives them all back.
+class BucketPages {
+  public:
+    static unsigned char* Map(size_t size) {
+        const size_t length = PageRound(size);
+        void* pages =
+                mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (pages == MAP_FAILED) return nullptr;
+        unsigned char* bucket = static_cast<unsigned char*>(pages);
+        try {
+            std::lock_guard<std::mutex> lock(Mutex());
+            Table()[bucket] = Mapping{length, false};
+        } catch (const std::exception&) {
+            munmap(pages, length);
+            return nullptr;
+        }
+        return bucket;
+    }
+
+    // Also takes buckets that a derived logger's AllocateLogQueueMemPool got from malloc.
+    static void Unmap(unsigned char* bucket) {
+        size_t length = 0;
+        {
+            std::lock_guard<std::mutex> lock(Mutex());
+            auto found = Table().find(bucket);
+            if (found != Table().end()) {
+                length = found->second.length;
+                Table().erase(found);
+            }
+        }
+        if (length != 0) {
+            munmap(bucket, length);
+        } else {
+            free(bucket);
+        }
+    }
+
+    // Zeroes a written bucket whose first `used` bytes the flush has written out.
+    static void ZeroAfterFlush(const std::vector<unsigned char*>& pool,
+                               const std::deque<int>& freeIds, unsigned char* bucket, size_t used,
+                               size_t warmLimit) {
+        std::lock_guard<std::mutex> lock(Mutex());
+        Mapping* mapping = Find(bucket);
+        if (mapping == nullptr) {
+            memset(bucket, 0, used);
+            return;
+        }
+        if (used == 0 && !mapping->warm) return;
+        used = std::min(used, mapping->length);
+        Mapping* heir = nullptr;
+        unsigned char* heirBucket = nullptr;
+        size_t warm = 0;
+        for (int id : freeIds) {
+            if (id < 0 || static_cast<size_t>(id) >= pool.size()) continue;
+            Mapping* candidate = Find(pool[id]);
+            if (candidate == nullptr) continue;
+            if (candidate->warm) {
+                if (++warm >= warmLimit) break;
+            } else if (heir == nullptr && candidate->length == mapping->length) {
+                heir = candidate;
+                heirBucket = pool[id];
+            }
+        }
+        mapping->warm = false;
+        if (heir != nullptr && warm < warmLimit) {
+            memset(bucket, 0, used);
+            // The bucket stays mapped, empty; kernels before 5.7 refuse and the pages go back.
+            if (mremap(bucket, mapping->length, mapping->length,
+                       MREMAP_MAYMOVE | MREMAP_FIXED | MREMAP_DONTUNMAP, heirBucket) != MAP_FAILED) {
+                heir->warm = true;
+                return;
+            }
+        }
+        madvise(bucket, mapping->length, MADV_DONTNEED);
+    }
+
+    // Drops whatever the bucket holds; it reads as zeros afterwards.
+    static void GiveBack(unsigned char* bucket) {
+        std::lock_guard<std::mutex> lock(Mutex());
+        Mapping* mapping = Find(bucket);
+        if (mapping == nullptr) return;
+        mapping->warm = false;
+        madvise(bucket, mapping->length, MADV_DONTNEED);
+    }
+
+  private:
+    struct Mapping {
+        size_t length;
+        bool warm;  // free, holding pages moved in from a flushed bucket
+    };
+
+    static size_t PageRound(size_t size) {
+        static const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        return (std::max<size_t>(size, 1) + page - 1) / page * page;
+    }
+    static std::mutex& Mutex() {
+        static std::mutex* mutex = new std::mutex;  // never destroyed: threads may outlive exit
+        return *mutex;
+    }
+    static std::unordered_map<const unsigned char*, Mapping>& Table() {
+        static auto* table = new std::unordered_map<const unsigned char*, Mapping>;
+        return *table;
+    }
+    static Mapping* Find(const unsigned char* bucket) {
+        auto found = Table().find(bucket);
+        return found != Table().end() ? &found->second : nullptr;
+    }
+};
+
 float MillisecondsSince(std::chrono::steady_clock::time_point start) {
     const auto elapsed = std::chrono::steady_clock::now() - start;
     return static_cast<float>(std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count()) /
@@ -423,7 +544,7 @@ VxCamOfflineLogger::VxCamOfflineLogger(OfflineLoggerType type, const OfflineLogg
 }
 
 VxCamOfflineLogger::~VxCamOfflineLogger() {
-    for (unsigned char* bucket : m_memPool) free(bucket);
+    for (unsigned char* bucket : m_memPool) BucketPages::Unmap(bucket);
     m_memPool.clear();
     m_memPool.shrink_to_fit();
 }
@@ -498,6 +619,8 @@ void VxCamOfflineLogger::SetAllToDefaultValue() {
     m_sessionPrefix.clear();
     m_freeBucketIds.clear();
     for (size_t i = 0; i < m_memPool.size(); ++i) m_freeBucketIds.push_back(static_cast<int>(i));
+    // Every bucket is free again: none keeps pages until a thread writes into it.
+    for (unsigned char* bucket : m_memPool) BucketPages::GiveBack(bucket);
     m_freeRegisterIds.clear();
     m_flushRequestIds.clear();
     m_fileNameList.clear();
@@ -530,8 +653,8 @@ void VxCamOfflineLogger::SetLogInfoMask(DebugLogInfo* info) {
 int VxCamOfflineLogger::AllocateLogQueueMemPool(unsigned int count, unsigned int size) {
     bool failed = false;
     for (unsigned int i = 0; i < count; ++i) {
-        // Zero-filled by calloc: fresh pages cost no memory until a thread writes into them.
-        unsigned char* bucket = static_cast<unsigned char*>(calloc(1, size));
+        // Zero pages that cost nothing until a thread writes into them.
+        unsigned char* bucket = BucketPages::Map(size);
         if (bucket == nullptr) {
             OFFLINE_LOGE("VxCamOfflineLogger allocate memory failed");
             failed = true;
@@ -542,7 +665,7 @@ int VxCamOfflineLogger::AllocateLogQueueMemPool(unsigned int count, unsigned int
             m_freeBucketIds.push_back(static_cast<int>(m_memPool.size() - 1));
         } catch (const std::bad_alloc&) {
             if (!m_memPool.empty() && m_memPool.back() == bucket) m_memPool.pop_back();
-            free(bucket);
+            BucketPages::Unmap(bucket);
             OFFLINE_LOGE("VxCamOfflineLogger allocate memory failed");
             failed = true;
         }
@@ -621,7 +744,7 @@ void VxCamOfflineLogger::CleanupMemoryPool() {
     m_freeRegisterIds.clear();
     m_perLogInfoPool.clear();
     m_registrationCount.store(0, std::memory_order_relaxed);
-    for (unsigned char* bucket : m_memPool) free(bucket);
+    for (unsigned char* bucket : m_memPool) BucketPages::Unmap(bucket);
     m_memPool.clear();
     m_memPool.shrink_to_fit();
     // Every thread's bucket pointer is stale now; the capture notices the new session.
@@ -944,8 +1067,11 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
                     const auto writeStart = std::chrono::steady_clock::now();
                     fwrite(m_memPool[info.bucketId], 1, info.logSize, file);
                     MonitorFileSystemHealth(MillisecondsSince(writeStart));
-                    // Only the written part can be non-zero: the rest was never touched.
-                    memset(m_memPool[info.bucketId], 0, info.logSize);
+                    // A normal flush returns a batch or more at once; keeping two batches ready
+                    // feeds the threads when the next flush runs late.
+                    BucketPages::ZeroAfterFlush(m_memPool, m_freeBucketIds,
+                                                m_memPool[info.bucketId], info.logSize,
+                                                2 * size_t{m_pConfigInfo->flushBatchSize});
                 } else {
                     OFFLINE_LOGE(
                             "Exceed memory pool size, session: %d, pool size: %zu, "
@@ -1066,7 +1192,7 @@ void VxCamOfflineLogger::DisableOfflinelogger() {
     ExclusiveHold threads(*m_pThreadLock);
     SetAllToDefaultValue();
     std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
-    for (unsigned char* bucket : m_memPool) free(bucket);
+    for (unsigned char* bucket : m_memPool) BucketPages::Unmap(bucket);
     m_memPool.clear();
     m_memPool.shrink_to_fit();
     m_freeBucketIds.clear();
