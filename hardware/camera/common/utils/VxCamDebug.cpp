@@ -1,8 +1,13 @@
 // The debug log frame: the global log configuration and Log::LogSystem.
 #include "VxCamDebug.h"
 
+#include <pthread.h>
 #include <stdarg.h>
+#include <string.h>
 #include <time.h>
+
+#include <algorithm>
+#include <atomic>
 
 #include <log/log.h>
 
@@ -25,21 +30,102 @@ constexpr size_t kLineSize = 1024;  // one log line, terminator included
 
 // ---- Hand-off to the default offline logger ------------------------------------------------
 
+// Raised in the child of a fork: its process id and its one thread's id are new.
+std::atomic<uint32_t> s_forkGeneration{0};
+
+void RegisterForkHandler() {
+    static const int registered =
+            pthread_atfork(nullptr, nullptr, [] { s_forkGeneration.fetch_add(1); });
+    (void)registered;
+}
+
+// The parts of this thread's offline lines that change slower than the lines: the wall-clock
+// second ("MM-DD hh:mm:ss:") and the ids ("  pid   tid "). Each is formatted with the very
+// conversions of the whole line, so a line assembled from them is the same text, byte for byte;
+// what a line saves is a local-time conversion, two system calls and most of a printf.
+struct OfflineLinePrefix {
+    time_t second;
+    size_t clockLength;  // 0: not formatted yet
+    char clock[64];
+    uint32_t forkGeneration;
+    size_t idsLength;  // 0: not formatted yet
+    char ids[32];
+};
+thread_local OfflineLinePrefix t_linePrefix = {};
+
+// Appends to a line of kLineSize as snprintf would: what fits is written, everything is counted.
+class LineWriter {
+  public:
+    explicit LineWriter(char* line) : m_line(line) {}
+    void Put(const char* text, size_t length) {
+        if (m_length < kLineSize - 1) {
+            memcpy(m_line + m_length, text, std::min(length, kLineSize - 1 - m_length));
+        }
+        m_length += length;
+    }
+    // Terminates the line and returns its uncut length.
+    size_t Finish() {
+        m_line[std::min(m_length, kLineSize - 1)] = '\0';
+        return m_length;
+    }
+
+  private:
+    char* m_line;
+    size_t m_length = 0;
+};
+
 // The offline copy carries what logcat would have added: time, pid, tid and level.
 void HandOffToOfflineLogger(const char* levelLetter, const char* message) {
     VxCamOfflineLogger* logger = VxCamOfflineLogger::GetInstance(OfflineLog);
     if (logger == nullptr || logger->IsEnableOfflinelogger() == 0) return;
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
-    tm local = {};
-    localtime_r(&now.tv_sec, &local);
+    OfflineLinePrefix& prefix = t_linePrefix;
+    if (prefix.clockLength == 0 || prefix.second != now.tv_sec) {
+        tm local = {};
+        localtime_r(&now.tv_sec, &local);
+        const int length = snprintf(prefix.clock, sizeof(prefix.clock),
+                                    "%02d-%02d %02d:%02d:%02d:", local.tm_mon + 1, local.tm_mday,
+                                    local.tm_hour, local.tm_min, local.tm_sec);
+        prefix.second = now.tv_sec;
+        prefix.clockLength = length > 0 ? std::min<size_t>(length, sizeof(prefix.clock) - 1) : 0;
+    }
+    RegisterForkHandler();
+    const uint32_t generation = s_forkGeneration.load(std::memory_order_relaxed);
+    if (prefix.idsLength == 0 || prefix.forkGeneration != generation) {
+        const int length = snprintf(prefix.ids, sizeof(prefix.ids), "  %4d  %4d ",
+                                    OsUtils::GetProcessID(), OsUtils::GetThreadID());
+        prefix.forkGeneration = generation;
+        prefix.idsLength = length > 0 ? std::min<size_t>(length, sizeof(prefix.ids) - 1) : 0;
+    }
+    // "%09ld" of the nanoseconds, which clock_gettime keeps below a second.
+    char nanoseconds[16];
+    size_t nanosecondsLength = 9;
+    if (now.tv_nsec >= 0 && now.tv_nsec < 1000000000L) {
+        long value = now.tv_nsec;
+        for (int i = 8; i >= 0; --i, value /= 10)
+            nanoseconds[i] = static_cast<char>('0' + value % 10);
+    } else {
+        nanosecondsLength = static_cast<size_t>(snprintf(nanoseconds, sizeof(nanoseconds), "%09ld",
+                                                         static_cast<long>(now.tv_nsec)));
+    }
+    // "%s" prints a null string as "(null)".
+    const char* letter = levelLetter != nullptr ? levelLetter : "(null)";
+    static const char kTagText[] = " VxCam: ";
+
+    // "%02d-%02d %02d:%02d:%02d:%09ld  %4d  %4d %s VxCam: %s\n"
     char line[kLineSize];
-    const int size = OsUtils::SNPrintF(
-            line, sizeof(line), "%02d-%02d %02d:%02d:%02d:%09ld  %4d  %4d %s VxCam: %s\n",
-            local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, now.tv_nsec,
-            OsUtils::GetProcessID(), OsUtils::GetThreadID(), levelLetter, message);
+    LineWriter writer(line);
+    writer.Put(prefix.clock, prefix.clockLength);
+    writer.Put(nanoseconds, nanosecondsLength);
+    writer.Put(prefix.ids, prefix.idsLength);
+    writer.Put(letter, strlen(letter));
+    writer.Put(kTagText, sizeof(kTagText) - 1);
+    writer.Put(message, strnlen(message, kLineSize));
+    writer.Put("\n", 1);
+    const size_t size = writer.Finish();
     // The logger is told the length the line would have had; it bounds the copy to the line.
-    if (size > 0) logger->AddLog(line, static_cast<unsigned int>(size));
+    logger->AddLog(line, static_cast<unsigned int>(size));
 }
 
 }  // namespace

@@ -498,7 +498,10 @@ VxCamOfflineLogger* VxCamOfflineLogger::GetInstance(OfflineLoggerType type) {
         }
         return table;
     }();
-    s_isInitValid.store(1, std::memory_order_relaxed);
+    // Stored once: every debug message passes here, from every thread.
+    if (s_isInitValid.load(std::memory_order_relaxed) == 0) {
+        s_isInitValid.store(1, std::memory_order_relaxed);
+    }
     if (s_instances == nullptr || !IsValidType(type)) return nullptr;
     return s_instances[type & 3];
 }
