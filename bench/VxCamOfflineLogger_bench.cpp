@@ -8,7 +8,8 @@
 //                     sent to a null sink, against SpdlogDefaultPattern: the same message formatted
 //                     by spdlog with its default pattern into a file
 //   FilteredMessage   a message the call-site gate turns away
-//   Flush             FlushLogToFile writing full buckets, against Fwrite of 3 MiB blocks
+//   Flush             FlushLogToFile writing full buckets, against Fwrite of 3 MiB blocks filled
+//                     the same way
 //
 // Ratios of the medians are printed at the end. Flushes needed by the capture benchmarks run
 // while the clock is stopped: the host runs them on a thread of its own, and they are measured
@@ -129,6 +130,12 @@ void BM_AddLog(benchmark::State& state) {
     const char* line = g_context.line;
     // The threads together queue one flush batch per round.
     const int64_t round = int64_t{kLinesPerBucket} * kFlushBatch / state.threads();
+    // Two rounds before the clock starts, so that every run finds the pool as a camera that has
+    // been logging for a while does, whatever ran before it.
+    for (int warmUp = 0; warmUp < 2; ++warmUp) {
+        for (int64_t i = 0; i < round; ++i) logger->AddLog(line, kLineLength);
+        g_rendezvous.Meet(state, [&] { logger->FlushLogToFile(0, 0); });
+    }
     int64_t left = round;
     for (auto _ : state) {
         logger->AddLog(line, kLineLength);
@@ -277,11 +284,10 @@ void BM_Flush(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * int64_t{kBucketSize} * kFlushBatch);
 }
 
+// The same bytes from the same kind of memory: a batch of 3 MiB blocks, refilled line by line
+// while the clock is stopped as the threads refill buckets, each written with one fwrite.
 void BM_Fwrite(benchmark::State& state) {
-    std::vector<char> block(kBucketSize);
-    for (size_t offset = 0; offset < block.size(); offset += kLineLength) {
-        memcpy(block.data() + offset, g_context.line, kLineLength);
-    }
+    std::vector<std::vector<char>> blocks(kFlushBatch, std::vector<char>(kBucketSize));
     const std::string path = g_context.camera + "/fwrite.txt";  // beside the logger's folders
     FILE* file = fopen(path.c_str(), "a+");
     if (file == nullptr) {
@@ -289,7 +295,14 @@ void BM_Fwrite(benchmark::State& state) {
         return;
     }
     for (auto _ : state) {
-        for (unsigned i = 0; i < kFlushBatch; ++i) fwrite(block.data(), 1, block.size(), file);
+        state.PauseTiming();
+        for (std::vector<char>& block : blocks) {
+            for (size_t offset = 0; offset < block.size(); offset += kLineLength) {
+                memcpy(block.data() + offset, g_context.line, kLineLength);
+            }
+        }
+        state.ResumeTiming();
+        for (const std::vector<char>& block : blocks) fwrite(block.data(), 1, block.size(), file);
     }
     fclose(file);
     unlink(path.c_str());
@@ -541,6 +554,28 @@ int main(int argc, char** argv) {
     memset(g_context.line, ' ', kLineLength);
     memcpy(g_context.line, kText, sizeof(kText) - 1);
     g_context.line[kLineLength - 1] = '\n';
+
+    // Unless told otherwise: repetitions, reported as their statistics, and taken in a shuffled
+    // order, so that Flush and Fwrite meet the file system in the same moods.
+    std::vector<char*> arguments(argv, argv + argc);
+    const auto given = [&](const char* flag) {
+        for (int i = 1; i < argc; ++i) {
+            if (strncmp(argv[i], flag, strlen(flag)) == 0) return true;
+        }
+        return false;
+    };
+    static char repetitions[] = "--benchmark_repetitions=5";
+    static char interleaving[] = "--benchmark_enable_random_interleaving=true";
+    static char aggregates[] = "--benchmark_display_aggregates_only=true";
+    if (!given("--benchmark_repetitions")) arguments.push_back(repetitions);
+    if (!given("--benchmark_enable_random_interleaving")) arguments.push_back(interleaving);
+    if (!given("--benchmark_display_aggregates_only") &&
+        !given("--benchmark_report_aggregates_only")) {
+        arguments.push_back(aggregates);
+    }
+    argc = static_cast<int>(arguments.size());
+    arguments.push_back(nullptr);
+    argv = arguments.data();
 
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
