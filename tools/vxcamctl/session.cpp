@@ -45,6 +45,7 @@ struct Options {
     unsigned sessions = 2;
     unsigned logSystemEvery = 8;  // every n-th line through the debug frame; 0: none
     bool closeWhileLogging = false;
+    bool bench = false;
     bool androidLog = false;
     bool quiet = false;
     std::string library = "libvxcamcommonutils.so";
@@ -53,7 +54,7 @@ struct Options {
 void PrintSessionUsage(FILE* out) {
     fprintf(out,
             "usage: vxcamctl session [--threads N] [--lines M] [--length L] [--sessions K]\n"
-            "                        [--logsystem-every N] [--close-while-logging]\n"
+            "                        [--logsystem-every N] [--close-while-logging] [--bench]\n"
             "                        [--android-log] [--library PATH] [--quiet] [--sysroot DIR]\n"
             "\n"
             "Runs K camera sessions as a camera host does: loads the library with dlopen, takes\n"
@@ -70,6 +71,11 @@ void PrintSessionUsage(FILE* out) {
             "\n"
             "  --close-while-logging  also close and reopen the camera half way through each\n"
             "                         session, while the threads log\n"
+            "  --bench                time the run: numbered lines are made without printf, and\n"
+            "                         the figures are the capture's cost per line and lines per\n"
+            "                         second, the flush's throughput and the memory; the files "
+            "are\n"
+            "                         still checked, but not listed\n"
             "  --android-log          keep the Android log (stderr); by default it is silenced\n"
             "  --library PATH         the library to load (default: libvxcamcommonutils.so)\n");
 }
@@ -134,15 +140,57 @@ bool LoadLibrary(const Options& options, Library* library) {
     return true;
 }
 
+// What the text logger's pool holds, which no host can ask: this tool is built with the library and
+// looks inside, under the library's pool lock.
+class PoolPeek : private VxCam::VxCamOfflineLogger {
+  public:
+    struct Figures {
+        size_t buckets = 0;
+        size_t inFlight = 0;  // held by a thread or queued for the flush
+    };
+    // For the flush trigger, which the library calls with the pool lock held.
+    static Figures ReadLocked() {
+        Figures figures;
+        VxCam::VxCamOfflineLogger* logger = GetInstance(kTextLog);
+        if (logger == nullptr) return figures;
+        const std::vector<unsigned char*>& pool = logger->*(&PoolPeek::m_memPool);
+        const std::deque<int>& free = logger->*(&PoolPeek::m_freeBucketIds);
+        figures.buckets = pool.size();
+        figures.inFlight = pool.size() - std::min(pool.size(), free.size());
+        return figures;
+    }
+    static Figures Read() {
+        std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+        return ReadLocked();
+    }
+};
+
+// The busiest the pool has been, as seen at each request for a flush and after each flush.
+struct PoolWatch {
+    std::atomic<size_t> peakInFlight{0};
+    std::atomic<size_t> buckets{0};
+    void Note(const PoolPeek::Figures& figures) {
+        size_t peak = peakInFlight.load();
+        while (figures.inFlight > peak &&
+               !peakInFlight.compare_exchange_weak(peak, figures.inFlight)) {
+        }
+        buckets.store(std::max(buckets.load(), figures.buckets));
+    }
+};
+
 // The flush thread: the library calls the trigger with its pool lock held, so the trigger only
 // wakes this thread, which runs the flush through the table.
 class FlushThread {
   public:
-    explicit FlushThread(const VxCam::OfflineLogEntryTable& table) : m_table(table) {
+    FlushThread(const VxCam::OfflineLogEntryTable& table, PoolWatch* watch)
+        : m_table(table), m_watch(watch) {
         s_current = this;
         m_thread = std::thread([this] { Run(); });
     }
-    ~FlushThread() {
+    ~FlushThread() { Stop(); }
+    // Lets the thread finish the flushes asked for, and joins it.
+    void Stop() {
+        if (!m_thread.joinable()) return;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             m_stop = true;
@@ -154,6 +202,10 @@ class FlushThread {
     static void Trigger(OfflineLoggerType type) {
         FlushThread* self = s_current;
         if (self == nullptr || type != kTextLog) return;
+        // The thread that queued a bucket takes a fresh one as soon as this returns.
+        PoolPeek::Figures figures = PoolPeek::ReadLocked();
+        ++figures.inFlight;
+        self->m_watch->Note(figures);
         {
             std::lock_guard<std::mutex> lock(self->m_mutex);
             ++self->m_pending;
@@ -161,6 +213,7 @@ class FlushThread {
         self->m_wake.notify_one();
     }
     unsigned long Flushes() const { return m_flushes.load(); }
+    double FlushSeconds() const { return m_flushSeconds; }  // once stopped
 
   private:
     void Run() {
@@ -170,7 +223,10 @@ class FlushThread {
             if (m_pending == 0 && m_stop) return;
             m_pending = 0;
             lock.unlock();
+            const auto start = Clock::now();
             m_table.flushLog(kTextLog, 0);
+            m_flushSeconds += std::chrono::duration<double>(Clock::now() - start).count();
+            m_watch->Note(PoolPeek::Read());
             ++m_flushes;
             lock.lock();
         }
@@ -178,6 +234,8 @@ class FlushThread {
 
     static FlushThread* s_current;
     const VxCam::OfflineLogEntryTable& m_table;
+    PoolWatch* m_watch;
+    double m_flushSeconds = 0;
     std::mutex m_mutex;
     std::condition_variable m_wake;
     unsigned long m_pending = 0;
@@ -192,17 +250,88 @@ FlushThread* FlushThread::s_current = nullptr;
 struct ThreadRecord {
     unsigned long logged = 0;
     std::vector<unsigned long> mayDrop;  // sequence numbers logged while a close was under way
+    double seconds = 0;                  // spent logging
+    double cpuSeconds = 0;               // of which on a CPU
 };
+
+double ThreadCpuSeconds() {
+    timespec now = {};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
 
 struct Run {
     std::vector<std::vector<ThreadRecord>> records;  // [session][thread]
     std::atomic<unsigned long> progress{0};
     std::atomic<uint32_t> closeEpoch{0};  // odd while a camera close runs
     double loggingSeconds = 0;
+    double captureSeconds = 0;  // from the threads' start to their end, summed over sessions
+    double closeSeconds = 0;    // in camera closes, which write out what the threads hold
+    PoolWatch pool;
 };
+
+// Counts a fixed-width decimal up by one, in place.
+void CountUp(char* digits, size_t width) {
+    for (size_t i = width; i-- > 0;) {
+        if (digits[i] != '9') {
+            ++digits[i];
+            return;
+        }
+        digits[i] = '0';
+    }
+}
+
+// --bench: the same numbered lines, made without printf, and only what a host would do per line
+// between the clock readings. Shared counters are touched once every 4096 lines.
+void LogLinesForBench(const Options& options, const Library& library, unsigned session,
+                      unsigned thread, Run* run) {
+    ThreadRecord& record = run->records[session][thread];
+    constexpr size_t kDigits = 10;
+    char head[64];
+    const int headLength = snprintf(head, sizeof(head), "%s%u %u ", kMarker, session + 1, thread);
+    std::string line(head, static_cast<size_t>(headLength));
+    const size_t number = line.size();
+    line.append(kDigits, '0');
+    line += ' ';
+    if (line.size() + 1 < options.length) line.resize(options.length - 1, '.');
+    line += '\n';
+    char* digits = &line[number];
+    const int frameLength = static_cast<int>(line.size() - 1);  // the frame ends the line itself
+    unsigned long unreported = 0;
+    std::vector<unsigned long> mayDrop;
+    const auto start = Clock::now();
+    const double cpuStart = ThreadCpuSeconds();
+    for (unsigned long seq = 0; seq < options.lines; ++seq) {
+        const bool viaFrame = library.offlineEnabled && options.logSystemEvery != 0 &&
+                              seq % options.logSystemEvery == 0;
+        const uint32_t before = run->closeEpoch.load(std::memory_order_relaxed);
+        if (viaFrame) {
+            library.logSystem(1, "I", 4, "%.*s", frameLength, line.c_str());
+        } else {
+            library.table.addLog(kTextLog, line.c_str());
+        }
+        if (before % 2 != 0 || run->closeEpoch.load(std::memory_order_relaxed) != before) {
+            mayDrop.push_back(seq);
+        }
+        CountUp(digits, kDigits);
+        if (++unreported == 4096) {
+            run->progress.fetch_add(unreported, std::memory_order_relaxed);
+            unreported = 0;
+        }
+    }
+    record.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    record.cpuSeconds = ThreadCpuSeconds() - cpuStart;
+    run->progress.fetch_add(unreported, std::memory_order_relaxed);
+    record.logged = options.lines;
+    record.mayDrop = std::move(mayDrop);
+}
 
 void LogLines(const Options& options, const Library& library, unsigned session, unsigned thread,
               Run* run) {
+    if (options.bench) {
+        LogLinesForBench(options, library, session, thread, run);
+        return;
+    }
     ThreadRecord& record = run->records[session][thread];
     std::string line;
     line.reserve(options.length + 1);
@@ -230,7 +359,9 @@ void LogLines(const Options& options, const Library& library, unsigned session, 
 
 void CloseCamera(const Library& library, Run* run) {
     run->closeEpoch.fetch_add(1);
+    const auto start = Clock::now();
     library.table.noticeCameraClose(kTextLog);
+    run->closeSeconds += std::chrono::duration<double>(Clock::now() - start).count();
     run->closeEpoch.fetch_add(1);
 }
 
@@ -322,16 +453,75 @@ void ReadBack(const std::string& camera, const std::set<std::string>& folders, L
     }
 }
 
-long PeakResidentKiB() {
+// A figure of /proc/self/status in KiB ("VmRSS", "VmHWM"), or -1.
+long StatusKiB(const char* field) {
     FILE* status = fopen("/proc/self/status", "r");
     if (status == nullptr) return -1;
     char line[256];
+    const size_t fieldLength = strlen(field);
     long kib = -1;
     while (fgets(line, sizeof(line), status) != nullptr) {
-        if (sscanf(line, "VmHWM: %ld kB", &kib) == 1) break;
+        if (strncmp(line, field, fieldLength) == 0 && line[fieldLength] == ':') {
+            kib = strtol(line + fieldLength + 1, nullptr, 10);
+            break;
+        }
     }
     fclose(status);
     return kib;
+}
+
+constexpr double kBucketMiB = 3.0;  // the text logger's bucket
+constexpr double kMemorySlackMiB = 16.0;
+
+// Resident memory follows use: above an idle host, no more than the buckets in flight at the
+// busiest moment, and some slack for the threads' stacks and heaps.
+void PrintMemory(long idleKiB, long peakKiB, const PoolWatch& pool) {
+    const size_t inFlight = pool.peakInFlight.load();
+    const size_t buckets = pool.buckets.load();
+    printf("memory: idle %ld KiB, peak %ld KiB; buckets in flight at most %zu (%.0f MiB), pool of "
+           "%zu buckets (%.0f MiB)\n",
+           idleKiB, peakKiB, inFlight, static_cast<double>(inFlight) * kBucketMiB, buckets,
+           static_cast<double>(buckets) * kBucketMiB);
+    if (idleKiB < 0 || peakKiB < 0 || buckets == 0) return;
+    const double grewMiB = static_cast<double>(peakKiB - idleKiB) / 1024.0;
+    const double boundMiB = static_cast<double>(inFlight) * kBucketMiB + kMemorySlackMiB;
+    printf("memory follows use: peak - idle = %.1f MiB, in flight + %.0f MiB = %.1f MiB: %s\n",
+           grewMiB, kMemorySlackMiB, boundMiB, grewMiB <= boundMiB ? "within" : "ABOVE");
+}
+
+// --bench: what a line cost the threads, and how fast the flushes wrote.
+void PrintBench(const Options& options, const Library& library, const Run& run,
+                unsigned long long bytes, double flushSeconds) {
+    std::vector<double> perLine;
+    std::vector<double> cpuPerLine;
+    for (const std::vector<ThreadRecord>& session : run.records) {
+        for (const ThreadRecord& record : session) {
+            if (record.logged == 0) continue;
+            perLine.push_back(record.seconds * 1e9 / static_cast<double>(record.logged));
+            cpuPerLine.push_back(record.cpuSeconds * 1e9 / static_cast<double>(record.logged));
+        }
+    }
+    if (perLine.empty()) return;
+    std::sort(perLine.begin(), perLine.end());
+    std::sort(cpuPerLine.begin(), cpuPerLine.end());
+    const unsigned long total =
+            static_cast<unsigned long>(options.threads) * options.lines * options.sessions;
+    const unsigned long viaFrame =
+            library.offlineEnabled && options.logSystemEvery != 0
+                    ? options.threads * options.sessions *
+                              ((options.lines + options.logSystemEvery - 1) / options.logSystemEvery)
+                    : 0;
+    printf("bench: %lu lines of %u bytes, %lu of them through Log::LogSystem, %u threads\n", total,
+           options.length, viaFrame, options.threads);
+    // Medians over the threads of all sessions. With more threads than CPUs a thread's wall time
+    // also holds its waits for a CPU; its CPU time is what a line costs.
+    printf("capture: %.1f ns of CPU per line, %.1f ns of wall time per line and thread (medians of "
+           "%zu threads), %.0f lines/s over all threads\n",
+           cpuPerLine[cpuPerLine.size() / 2], perLine[perLine.size() / 2], perLine.size(),
+           run.captureSeconds > 0 ? static_cast<double>(total) / run.captureSeconds : 0.0);
+    const double writing = flushSeconds + run.closeSeconds;
+    printf("flush: %.0f MB/s (%llu bytes in %.3f s of flushes and camera closes)\n",
+           writing > 0 ? static_cast<double>(bytes) / writing / 1e6 : 0.0, bytes, writing);
 }
 
 std::string CameraRoot() {
@@ -378,6 +568,8 @@ int RunSession(int argc, char** argv) {
             options.logSystemEvery = static_cast<unsigned>(number);
         } else if (strcmp(argument, "--close-while-logging") == 0) {
             options.closeWhileLogging = true;
+        } else if (strcmp(argument, "--bench") == 0) {
+            options.bench = true;
         } else if (strcmp(argument, "--android-log") == 0) {
             options.androidLog = true;
         } else if (strcmp(argument, "--quiet") == 0) {
@@ -415,28 +607,41 @@ int RunSession(int argc, char** argv) {
     std::atomic<bool> done{false};
     std::thread progress([&] { ShowProgress(options, run, done); });
     unsigned long flushes = 0;
+    double flushSeconds = 0;
+    long idleKiB = -1;
+    long peakKiB = -1;
     {
-        FlushThread flusher(library.table);
+        FlushThread flusher(library.table, &run.pool);
         library.table.linkFlushTrigger(kTextLog, FlushThread::Trigger);
         const auto start = Clock::now();
         for (unsigned session = 0; session < options.sessions; ++session) {
             library.table.noticeCameraOpen(kTextLog);
+            // An idle host: the library loaded, the logger started, the camera open, no line yet.
+            if (session == 0) idleKiB = StatusKiB("VmRSS");
+            const unsigned long sessionStart = run.progress.load();
+            const auto captureStart = Clock::now();
             std::vector<std::thread> threads;
             for (unsigned t = 0; t < options.threads; ++t) {
                 threads.emplace_back(LogLines, std::cref(options), std::cref(library), session, t,
                                      &run);
             }
             if (options.closeWhileLogging) {
-                const unsigned long half = run.progress.load() + options.threads * options.lines / 2;
+                // Counted from the session's start: the threads may be well under way by now.
+                const unsigned long half = sessionStart + options.threads * options.lines / 2;
                 while (run.progress.load() < half) std::this_thread::yield();
                 CloseCamera(library, &run);
                 library.table.noticeCameraOpen(kTextLog);
             }
             for (std::thread& thread : threads) thread.join();
+            run.captureSeconds += std::chrono::duration<double>(Clock::now() - captureStart).count();
             CloseCamera(library, &run);
         }
         run.loggingSeconds = std::chrono::duration<double>(Clock::now() - start).count();
+        peakKiB = StatusKiB("VmHWM");
+        run.pool.Note(PoolPeek::Read());
+        flusher.Stop();
         flushes = flusher.Flushes();
+        flushSeconds = flusher.FlushSeconds();
     }
     done = true;
     progress.join();
@@ -460,8 +665,11 @@ int RunSession(int argc, char** argv) {
     printf("flushes run by the trigger thread: %lu\n", flushes);
     printf("written %llu bytes in %zu files, %zu session folders under %s\n", landed.bytes,
            landed.files.size(), folders.size(), camera.c_str());
-    for (const auto& [name, size] : landed.files) printf("  %s  %llu\n", name.c_str(), size);
-    printf("peak resident memory: %ld KiB\n", PeakResidentKiB());
+    if (!options.bench) {
+        for (const auto& [name, size] : landed.files) printf("  %s  %llu\n", name.c_str(), size);
+    }
+    PrintMemory(idleKiB, peakKiB, run.pool);
+    if (options.bench) PrintBench(options, library, run, landed.bytes, flushSeconds);
 
     unsigned long lostTotal = 0, duplicates = 0, acceptedTotal = 0, landedTotal = 0;
     printf("\n%-8s %-7s %10s %10s %16s %8s\n", "session", "thread", "logged", "landed",
