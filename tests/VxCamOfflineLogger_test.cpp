@@ -6,7 +6,9 @@
 #include <dlfcn.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,6 +20,7 @@
 #include <mutex>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -329,6 +332,45 @@ TEST_F(OfflineLoggerTest, CoreDumpTypesKeepTheirBucketsAcrossAClose) {
     EXPECT_EQ(logger.m_perLogInfoPool[0].logSize, 5u);
 }
 
+// A bucket costs memory once written, and only until its flush: afterwards it reads as zeros and
+// the pool holds no more pages than the threads wrote; a close gives back what is left.
+TEST_F(OfflineLoggerTest, BucketMemoryFollowsUse) {
+    constexpr uint32_t kBucket = 1 << 20;
+    TestLogger logger(OfflineLog, {8, 8, 1, kBucket});
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const auto residentPages = [&] {
+        size_t pages = 0;
+        std::vector<unsigned char> map(kBucket / page);
+        for (unsigned char* bucket : logger.m_memPool) {
+            if (mincore(bucket, kBucket, map.data()) != 0) return size_t{~0u};
+            pages += static_cast<size_t>(
+                    std::count_if(map.begin(), map.end(), [](unsigned char in) { return in & 1; }));
+        }
+        return pages;
+    };
+    logger.AllocateLogQueueMemPool(8, kBucket);
+    EXPECT_EQ(residentPages(), 0u);
+
+    const std::string line = std::string(kBucket / 4 - 1, 'm') + "\n";
+    OnNewThread([&] {
+        for (int i = 0; i < 5; ++i) logger.AddLog(line.data(), line.size());
+    });
+    const size_t written = (kBucket + line.size()) / page;  // a full bucket and one line
+    EXPECT_EQ(residentPages(), written);
+    logger.FlushLogToFile(0, 0);
+    EXPECT_LE(residentPages(), written);
+    logger.NotifyCameraOpen();
+    logger.NotifyCameraClose();
+    EXPECT_EQ(residentPages(), 0u);
+
+    const std::vector<unsigned char> zeros(kBucket);
+    for (unsigned char* bucket : logger.m_memPool)
+        EXPECT_EQ(memcmp(bucket, zeros.data(), kBucket), 0);
+    const auto files = Files();
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(files.begin()->second.size(), 5 * line.size());
+}
+
 // Eight threads log while the camera closes and reopens under them. Every line whose AddLog did
 // not overlap a close must land, once, in order, in its thread's file.
 TEST_F(OfflineLoggerTest, CloseWhileThreadsLog) {
@@ -508,6 +550,41 @@ TEST_F(OfflineLoggerTest, DebugFrameFeedsTheDefaultLogger) {
     EXPECT_TRUE(std::regex_match(text.substr(0, end + 1), first)) << text.substr(0, end + 1);
     // The long message is cut to the line buffer: 1023 characters, no line end.
     EXPECT_EQ(text.size() - end - 1, 1023u);
+}
+
+// The ids of a line are those of the process and thread that log it, also in the child of a fork
+// whose parent thread had logged before.
+TEST_F(OfflineLoggerTest, DebugFrameLinesOfAForkedChildCarryItsIds) {
+    VxCamOfflineLogger* logger = VxCamOfflineLogger::GetInstance(OfflineLog);
+    const DebugLogInfo saved = g_logInfo;
+    g_logInfo.offlineLogEnable = 1;
+    g_logInfo.infoMask = 0xFFFFFFFF;
+    Log::LogSystem(1, "I", 4, "%s", "parent before the fork");
+    const pid_t child = fork();
+    if (child == 0) {
+        Log::LogSystem(1, "I", 4, "%s", "child after the fork");
+        logger->FlushLogToFile(1, 0);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    g_logInfo = saved;
+
+    const std::regex childLine(
+            "\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d:\\d{9} +(\\d+) +(\\d+) I VxCam: "
+            "child after the fork");
+    std::smatch ids;
+    std::string found;
+    for (const auto& entry : fs::recursive_directory_iterator(Camera())) {
+        if (!entry.is_regular_file()) continue;
+        std::istringstream text(vxcamtest::ReadFile(entry.path().string()));
+        for (std::string line; std::getline(text, line);) {
+            if (line.find("child after the fork") != std::string::npos) found = line;
+        }
+    }
+    ASSERT_TRUE(std::regex_match(found, ids, childLine)) << found;
+    EXPECT_EQ(ids[1].str(), std::to_string(child));
+    EXPECT_EQ(ids[2].str(), std::to_string(child));
 }
 
 }  // namespace

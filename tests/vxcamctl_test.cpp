@@ -133,6 +133,24 @@ TEST(VxcamctlSession, AccountsForEveryLine) {
     EXPECT_NE(result.out.find("__Tid"), std::string::npos) << result.out;
 }
 
+// --bench times the run and still accounts for every line; the files are not listed.
+TEST(VxcamctlSession, BenchPrintsItsFigures) {
+    TempDir sysroot;
+    sysroot.Write("data/vendor/camera/.keep", "");
+    sysroot.Write("vendor/build.prop", "vendor.camera.vcf.LogOfflineEnable=1\n");
+    const ProcessResult result =
+            RunVxcamctl({"session", "--sysroot", sysroot.Path(), "--threads", "2", "--lines",
+                         "30000", "--sessions", "1", "--bench"});
+    EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+    for (const char* figure :
+         {"capture: ", " ns of CPU per line, ", " lines/s over all threads\n", "flush: ", " MB/s (",
+          "memory: idle ", "buckets in flight at most ", "pool of 25 buckets",
+          "memory follows use: peak - idle = ", "result: no loss\n"}) {
+        EXPECT_NE(result.out.find(figure), std::string::npos) << figure << "\n" << result.out;
+    }
+    EXPECT_EQ(result.out.find("__Tid"), std::string::npos) << result.out;
+}
+
 TEST(VxcamctlSession, ReportsLostLines) {
     TempDir sysroot;
     sysroot.Write("data/vendor/camera/.keep", "");
