@@ -20,6 +20,7 @@
 // Without --sysroot the files go to a temporary sysroot, removed at the end. The library reads its
 // properties while it loads, so the program runs itself again with VXCAM_SYSROOT set.
 #include <dirent.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -32,6 +33,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -86,15 +88,27 @@ void RemoveFilesIn(const std::string& folder) {
     closedir(dir);
 }
 
-void RemoveTree(const std::string& path) {
-    RemoveFilesIn(path);
-    DIR* dir = opendir(path.c_str());
-    if (dir != nullptr) {
-        while (dirent* entry = readdir(dir)) {
-            if (entry->d_name[0] != '.') RemoveTree(path + "/" + entry->d_name);
+std::set<std::string> Entries(const std::string& folder) {
+    std::set<std::string> names;
+    DIR* dir = opendir(folder.c_str());
+    if (dir == nullptr) return names;
+    while (dirent* entry = readdir(dir)) {
+        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
+            names.insert(entry->d_name);
         }
-        closedir(dir);
     }
+    closedir(dir);
+    return names;
+}
+
+void RemoveTree(const std::string& path) {
+    struct stat info = {};
+    if (lstat(path.c_str(), &info) != 0) return;
+    if (!S_ISDIR(info.st_mode)) {
+        unlink(path.c_str());
+        return;
+    }
+    for (const std::string& name : Entries(path)) RemoveTree(path + "/" + name);
     rmdir(path.c_str());
 }
 
@@ -462,71 +476,101 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
 constexpr char kOwnedSysroot[] = "VXCAM_BENCH_OWNED_SYSROOT";
 
-bool WriteFile(const std::string& path, const char* text) {
-    FILE* file = fopen(path.c_str(), "w");
-    if (file == nullptr) return false;
-    fputs(text, file);
-    return fclose(file) == 0;
+bool StartsWith(const char* text, const char* prefix) {
+    return strncmp(text, prefix, strlen(prefix)) == 0;
 }
 
-// Makes sure the library will load with offline logging on under a sysroot of ours; returns false
-// when the program has to run again (it then does not come back) or cannot.
-bool PrepareSysroot(int* argc, char** argv) {
-    std::string chosen;
+bool WriteWholeFile(const char* path, const char* text) {
+    const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    const ssize_t length = static_cast<ssize_t>(strlen(text));
+    const bool written = write(fd, text, static_cast<size_t>(length)) == length;
+    return close(fd) == 0 && written;
+}
+
+// The library reads its properties while it loads, before main(), so the sysroot has to be in the
+// environment by then. Run from .preinit_array, ahead of every library's initialiser, this makes a
+// temporary sysroot with offline logging on (unless --sysroot names one) and runs the program
+// again with VXCAM_SYSROOT set. Nothing is initialised yet: system calls and static buffers only.
+void ExportBenchSysroot(int argc, char** argv, char** envp) {
+    for (char** entry = envp; entry != nullptr && *entry != nullptr; ++entry) {
+        if (StartsWith(*entry, kOwnedSysroot)) return;  // the second run
+    }
+    static char sysroot[PATH_MAX] = "VXCAM_SYSROOT=";
+    char* const path = sysroot + strlen(sysroot);
+    const size_t room = sizeof(sysroot) - strlen(sysroot);
+    const char* chosen = nullptr;
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--sysroot") == 0 && i + 1 < argc) chosen = argv[i + 1];
+        if (StartsWith(argv[i], "--sysroot=")) chosen = argv[i] + strlen("--sysroot=");
+    }
+    static char owned[] = "VXCAM_BENCH_OWNED_SYSROOT=0";
+    if (chosen != nullptr) {
+        if (realpath(chosen, path) == nullptr) snprintf(path, room, "%s", chosen);
+    } else {
+        const char* tmp = "/tmp";
+        for (char** entry = envp; entry != nullptr && *entry != nullptr; ++entry) {
+            if (StartsWith(*entry, "TMPDIR=") && (*entry)[7] != '\0') tmp = *entry + 7;
+        }
+        snprintf(path, room, "%s/vxcambench.XXXXXX", tmp);
+        if (mkdtemp(path) == nullptr) return;  // main() finds no sysroot and says so
+        char sub[PATH_MAX];
+        for (const char* folder : {"/vendor", "/data", "/data/vendor", "/data/vendor/camera"}) {
+            snprintf(sub, sizeof(sub), "%s%s", path, folder);
+            mkdir(sub, 0755);
+        }
+        snprintf(sub, sizeof(sub), "%s/vendor/build.prop", path);
+        if (!WriteWholeFile(sub, "vendor.camera.vcf.LogOfflineEnable=1\n")) return;
+        owned[sizeof(owned) - 2] = '1';
+    }
+    static char quiet[] = "ANDROID_LOG_TAGS=*:w";  // no settings listing ahead of the figures
+    static char* environment[4096];
+    size_t count = 0;
+    bool tagsGiven = false;
+    for (char** entry = envp; entry != nullptr && *entry != nullptr; ++entry) {
+        if (StartsWith(*entry, "VXCAM_SYSROOT=")) continue;
+        tagsGiven = tagsGiven || StartsWith(*entry, "ANDROID_LOG_TAGS=");
+        if (count + 4 >= sizeof(environment) / sizeof(environment[0])) return;
+        environment[count++] = *entry;
+    }
+    environment[count++] = sysroot;
+    environment[count++] = owned;
+    if (!tagsGiven) environment[count++] = quiet;
+    environment[count] = nullptr;
+    execve("/proc/self/exe", argv, environment);
+}
+
+__attribute__((section(".preinit_array"),
+               used)) void (*s_exportBenchSysroot)(int, char**, char**) = ExportBenchSysroot;
+
+// Takes --sysroot out of the arguments: it was applied before main().
+void DropSysrootOption(int* argc, char** argv) {
     int out = 1;
     for (int i = 1; i < *argc; ++i) {
         if (strcmp(argv[i], "--sysroot") == 0 && i + 1 < *argc) {
-            chosen = argv[++i];
-        } else if (strncmp(argv[i], "--sysroot=", 10) == 0) {
-            chosen = argv[i] + 10;
-        } else {
+            ++i;
+        } else if (!StartsWith(argv[i], "--sysroot=")) {
             argv[out++] = argv[i];
         }
     }
-    const char* current = getenv("VXCAM_SYSROOT");
-    if (current != nullptr && getenv(kOwnedSysroot) != nullptr) {
-        *argc = out;
-        argv[out] = nullptr;
-        return true;  // the second run
-    }
-    if (chosen.empty()) {
-        const char* tmp = getenv("TMPDIR");
-        std::string pattern = std::string(tmp != nullptr ? tmp : "/tmp") + "/vxcambench.XXXXXX";
-        std::vector<char> name(pattern.begin(), pattern.end());
-        name.push_back('\0');
-        if (mkdtemp(name.data()) == nullptr) {
-            perror("mkdtemp");
-            return false;
-        }
-        chosen = name.data();
-        mkdir((chosen + "/vendor").c_str(), 0755);
-        mkdir((chosen + "/data").c_str(), 0755);
-        mkdir((chosen + "/data/vendor").c_str(), 0755);
-        mkdir((chosen + "/data/vendor/camera").c_str(), 0755);
-        if (!WriteFile(chosen + "/vendor/build.prop", "vendor.camera.vcf.LogOfflineEnable=1\n")) {
-            fprintf(stderr, "cannot write %s/vendor/build.prop\n", chosen.c_str());
-            return false;
-        }
-        setenv(kOwnedSysroot, "1", 1);
-    } else {
-        char resolved[PATH_MAX];
-        if (realpath(chosen.c_str(), resolved) != nullptr) chosen = resolved;
-        setenv(kOwnedSysroot, "0", 1);
-    }
-    setenv("VXCAM_SYSROOT", chosen.c_str(), 1);
-    setenv("ANDROID_LOG_TAGS", "*:w", 0);  // no settings listing ahead of the figures
-    execv("/proc/self/exe", argv);
-    perror("execv");
-    return false;
+    *argc = out;
+    argv[out] = nullptr;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (!PrepareSysroot(&argc, argv)) return 1;
-    const std::string sysroot = getenv("VXCAM_SYSROOT");
-    const bool owned = strcmp(getenv(kOwnedSysroot), "1") == 0;
+    DropSysrootOption(&argc, argv);
+    const char* sysrootVariable = getenv("VXCAM_SYSROOT");
+    const char* ownedVariable = getenv(kOwnedSysroot);
+    if (sysrootVariable == nullptr || ownedVariable == nullptr) {
+        fprintf(stderr, "could not prepare a sysroot (see --sysroot)\n");
+        return 1;
+    }
+    const std::string sysroot = sysrootVariable;
+    const bool owned = strcmp(ownedVariable, "1") == 0;
     g_context.camera = sysroot + "/data/vendor/camera";
+    const std::set<std::string> before = Entries(g_context.camera);  // left as found
     g_context.scratch = g_context.camera + "/bench";
     mkdir(g_context.scratch.c_str(), 0755);
 
@@ -585,7 +629,12 @@ int main(int argc, char** argv) {
     benchmark::Shutdown();
 
     g_context.logger->NotifyCameraClose();
-    RemoveFilesIn(g_context.camera);
-    if (owned) RemoveTree(sysroot);
+    if (owned) {
+        RemoveTree(sysroot);
+    } else {
+        for (const std::string& name : Entries(g_context.camera)) {
+            if (before.count(name) == 0) RemoveTree(g_context.camera + "/" + name);
+        }
+    }
     return 0;
 }

@@ -14,6 +14,9 @@ cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$jobs"
 echo "== tests"
 ctest --test-dir build --output-on-failure -j"$jobs"
+echo "== benchmarks: a smoke run (the figures come from a run by hand, see the README)"
+build/bench/VxCamOfflineLogger_bench --benchmark_filter='FilteredMessage|LogSystem' \
+    --benchmark_min_time=0.01 --benchmark_repetitions=1 >/dev/null
 
 echo "== build with AddressSanitizer and UndefinedBehaviorSanitizer"
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DVXCAM_SANITIZE=address,undefined >/dev/null
