@@ -421,13 +421,14 @@ int RunSession(int argc, char** argv) {
         const auto start = Clock::now();
         for (unsigned session = 0; session < options.sessions; ++session) {
             library.table.noticeCameraOpen(kTextLog);
+            // Taken before the threads start: they may be far along before this thread runs again.
+            const unsigned long half = run.progress.load() + options.threads * options.lines / 2;
             std::vector<std::thread> threads;
             for (unsigned t = 0; t < options.threads; ++t) {
                 threads.emplace_back(LogLines, std::cref(options), std::cref(library), session, t,
                                      &run);
             }
             if (options.closeWhileLogging) {
-                const unsigned long half = run.progress.load() + options.threads * options.lines / 2;
                 while (run.progress.load() < half) std::this_thread::yield();
                 CloseCamera(library, &run);
                 library.table.noticeCameraOpen(kTextLog);
