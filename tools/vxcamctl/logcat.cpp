@@ -33,45 +33,42 @@ void PrintLogcatUsage(FILE* out) {
     fprintf(out,
             "usage: vxcamctl logcat [--tid N[,N...]] [--since STAMP] [--grep REGEX] DIR...\n"
             "\n"
-            "Merges the text log files of an offline-log session folder (VxCam_OfflineLog_<time>)\n"
-            "or of a crash backup folder (OfflineLog_CrashLog_<time>) into one stream ordered by\n"
-            "the time stamps the lines carry, \"MM-DD HH:MM:SS:nnnnnnnnn  pid  tid L VxCam: ...\"\n"
-            "as Log::LogSystem writes them, and prints the lines unchanged, like one logcat.\n"
-            "Several folders are merged together.\n"
+            "Merges the text log files of an offline-log session folder\n"
+            "(VxCam_OfflineLog_<time>) or of a crash backup folder (OfflineLog_CrashLog_<time>)\n"
+            "into one stream ordered by the time stamps the lines carry,\n"
+            "\"MM-DD HH:MM:SS:nnnnnnnnn  pid  tid L VxCam: ...\" as Log::LogSystem writes them,\n"
+            "and prints the lines unchanged, like one logcat. Several folders merge together.\n"
             "\n"
-            "A thread's files (...__Tid<tid>_Session<n>_Segment<m>.txt) are read in session, then\n"
-            "segment order, numerically (Segment10 after Segment9), and its lines keep their "
-            "order.\n"
-            "Threads are interleaved by time stamp; on equal stamps the earlier folder, then the\n"
-            "lower thread id, comes first. The binary logger's .bin files hold no text and are\n"
-            "skipped (noted on stderr); other files are ignored.\n"
+            "A thread's files (..._Tid<tid>_Session<n>_Segment<m>.txt) are read in session,\n"
+            "then segment order, numerically (Segment10 after Segment9), and its lines keep\n"
+            "their order. Threads are interleaved by time stamp; on equal stamps the earlier\n"
+            "folder, then the lower thread id, comes first. The binary logger's .bin files\n"
+            "hold no text and are skipped (noted on stderr); other files are ignored.\n"
             "\n"
-            "A line without a time stamp (text a host added with AddLog, the rest of a multi-line\n"
-            "message) takes the stamp of the line before it in its thread's files, so it stays\n"
-            "with its neighbours; lines before a thread's first stamp take that first stamp; a\n"
-            "thread without any stamp comes first. The stamps carry no year: a log that spans New\n"
-            "Year's Eve puts January first.\n"
+            "A line without a time stamp (text a host added with AddLog, the rest of a\n"
+            "multi-line message) takes the stamp of the line before it in its thread's files,\n"
+            "so it stays with its neighbours; lines before a thread's first stamp take that\n"
+            "first stamp; a thread without any stamp comes first. The stamps carry no year:\n"
+            "a log that spans New Year's Eve puts January first.\n"
             "\n"
             "Each file is read once, up to the size it had when its folder was listed, so the\n"
-            "library may go on appending; files it creates later are not read. A last line\n"
-            "without a line feed (still being written, or cut off by a crash) is printed with "
-            "one.\n"
+            "library may go on appending; files it creates later are not read, and a file\n"
+            "removed meanwhile (retention) is noted and passed over. A last line without a\n"
+            "line feed (still being written, or cut off by a crash) is printed with one.\n"
             "\n"
             "options:\n"
             "  --tid N[,N...]  only the lines of these threads (repeatable)\n"
             "  --since STAMP   only lines stamped at or after STAMP, written as the lines write\n"
-            "                  it: \"MM-DD HH:MM:SS\", optionally with a fraction of a second "
-            "after\n"
-            "                  '.' or ':' (\"03-14 09:26:53.5\"); lines with no stamp to go by "
-            "are\n"
-            "                  left out\n"
-            "  --grep REGEX    only lines that match REGEX, a POSIX extended regular expression\n"
-            "                  (case-sensitive, anywhere in the line)\n"
+            "                  it, \"MM-DD HH:MM:SS\", optionally with a fraction of a second\n"
+            "                  after '.' or ':' (\"03-14 09:26:53.5\"); lines with no stamp to\n"
+            "                  go by are left out\n"
+            "  --grep REGEX    only lines that match REGEX, a POSIX extended regular\n"
+            "                  expression (case-sensitive, anywhere in the line)\n"
             "  --help          show this text\n"
             "\n"
-            "Exit status 0 when lines were printed; 1 when none was (no text log file, or no line\n"
-            "passed the filters); 2 on bad arguments, a folder that cannot be read, or a log file\n"
-            "that cannot be read (the other files are still merged).\n");
+            "Exit status 0 when lines were printed; 1 when none was (no text log file, or no\n"
+            "line passed the filters); 2 on bad arguments, a folder that cannot be read, or a\n"
+            "log file that cannot be read (the other files are still merged).\n");
 }
 
 // ---- Time stamps ---------------------------------------------------------------------------
@@ -126,8 +123,8 @@ bool ParseSince(const char* text, uint64_t* stamp) {
     unsigned long clock[5];
     if (length < kClockLength || !ParseClock(text, clock)) return false;
     unsigned long nanoseconds = 0;
-    const size_t digits = length - kClockLength - 1;
     if (length > kClockLength) {
+        const size_t digits = length - kClockLength - 1;
         if ((text[kClockLength] != '.' && text[kClockLength] != ':') || digits < 1 || digits > 9 ||
             !Digits(text + kClockLength + 1, digits, &nanoseconds)) {
             return false;
@@ -253,22 +250,18 @@ bool ListFolder(const char* folder, size_t index, const std::set<uint32_t>& tids
 // ---- Reading a thread's lines --------------------------------------------------------------
 
 // Reads one thread's files in order, each up to its size at listing time: a file the library is
-// appending to is neither waited on nor read past the snapshot, so no line is taken twice.
+// appending to is neither waited on nor read past the snapshot, so no line is taken twice. A file
+// is opened for each chunk, so that merging thousands of threads holds no descriptor between reads.
 class LineReader {
   public:
     LineReader(const std::vector<LogFile>& files, bool report)
-        : m_files(files), m_report(report), m_buffer(65536) {}
-    ~LineReader() {
-        if (m_fd >= 0) close(m_fd);
-    }
-    LineReader(const LineReader&) = delete;
-    LineReader& operator=(const LineReader&) = delete;
+        : m_files(files), m_report(report), m_buffer(16384) {}
 
     // The next line without its line feed; false after the last line of the last file. A file's
     // unterminated last line is a line of its own, never joined to the next segment.
     bool Next(std::string* line) {
         line->clear();
-        for (;;) {
+        while (m_file < m_files.size()) {
             if (m_begin < m_end) {
                 const char* start = m_buffer.data() + m_begin;
                 const char* feed = static_cast<const char*>(memchr(start, '\n', m_end - m_begin));
@@ -280,67 +273,65 @@ class LineReader {
                 line->append(start, m_end - m_begin);
                 m_begin = m_end = 0;
             }
-            if (m_fd >= 0 && m_left > 0) {
-                const ssize_t got =
-                        read(m_fd, m_buffer.data(),
-                             static_cast<size_t>(std::min<uint64_t>(m_left, m_buffer.size())));
-                if (got > 0) {
-                    m_left -= static_cast<uint64_t>(got);
-                    m_begin = 0;
-                    m_end = static_cast<size_t>(got);
-                    continue;
-                }
-                if (got < 0 && errno == EINTR) continue;
-                if (got < 0) Fail("cannot read", m_files[m_next - 1].path);
-                m_left = 0;  // an error, or the file shrank since it was listed
-            }
-            if (m_fd >= 0) {
-                close(m_fd);
-                m_fd = -1;
-                if (!line->empty()) return true;
-            }
-            if (!OpenNext()) return false;
+            if (Refill()) continue;
+            ++m_file;
+            m_offset = 0;
+            if (!line->empty()) return true;
         }
+        return false;
     }
 
     bool Failed() const { return m_failed; }
 
   private:
-    bool OpenNext() {
-        while (m_next < m_files.size()) {
-            const LogFile& file = m_files[m_next++];
-            if (file.size == 0) continue;
-            m_fd = open(file.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-            if (m_fd < 0) {
-                if (errno == ENOENT) {
-                    if (m_report) {
-                        fprintf(stderr, "vxcamctl logcat: '%s' was removed before it was read\n",
-                                file.path.c_str());
-                    }
-                } else {
-                    Fail("cannot open", file.path);
-                }
-                continue;
+    // The next chunk of the current file's snapshot; false at its end or when it cannot be read.
+    bool Refill() {
+        const LogFile& file = m_files[m_file];
+        if (m_offset >= file.size) return false;
+        const int fd = open(file.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0) {
+            if (errno != ENOENT) {
+                Fail("cannot open", file.path);
+            } else if (m_report) {
+                fprintf(stderr, "vxcamctl logcat: '%s' was removed %s it was read\n",
+                        file.path.c_str(), m_offset == 0 ? "before" : "while");
             }
-            m_left = file.size;
-            return true;
+            m_offset = file.size;
+            return false;
         }
-        return false;
+        const size_t wanted =
+                static_cast<size_t>(std::min<uint64_t>(file.size - m_offset, m_buffer.size()));
+        ssize_t got;
+        do {
+            got = pread(fd, m_buffer.data(), wanted, static_cast<off_t>(m_offset));
+        } while (got < 0 && errno == EINTR);
+        const int error = errno;
+        close(fd);
+        if (got <= 0) {  // an error, or the file shrank since it was listed
+            errno = error;
+            if (got < 0) Fail("cannot read", file.path);
+            m_offset = file.size;
+            return false;
+        }
+        m_offset += static_cast<uint64_t>(got);
+        m_begin = 0;
+        m_end = static_cast<size_t>(got);
+        return true;
     }
 
     void Fail(const char* what, const std::string& path) {
-        if (m_report)
+        if (m_report) {
             fprintf(stderr, "vxcamctl logcat: %s '%s': %s\n", what, path.c_str(), strerror(errno));
+        }
         m_failed = true;
     }
 
     const std::vector<LogFile>& m_files;
-    const bool m_report;  // the first pass only looks ahead; the merge reports
+    const bool m_report;  // the look-ahead for the first stamp stays quiet; the merge reports
     std::vector<char> m_buffer;
-    size_t m_begin = 0, m_end = 0;
-    size_t m_next = 0;  // the file to open next
-    int m_fd = -1;
-    uint64_t m_left = 0;  // bytes of the open file's snapshot not yet read
+    size_t m_begin = 0, m_end = 0;  // the unread part of m_buffer
+    size_t m_file = 0;              // the file being read
+    uint64_t m_offset = 0;          // bytes of it read so far
     bool m_failed = false;
 };
 
@@ -470,9 +461,8 @@ int ParseArguments(int argc, char** argv, Filters* filters, std::vector<const ch
             filters->since = ParseSince(value, &filters->sinceStamp);
             if (!filters->since) {
                 fprintf(stderr,
-                        "vxcamctl logcat: --since needs a time stamp \"MM-DD "
-                        "HH:MM:SS[.fraction]\", "
-                        "not '%s'\n",
+                        "vxcamctl logcat: --since needs a time stamp "
+                        "\"MM-DD HH:MM:SS[.fraction]\", not '%s'\n",
                         value);
                 return kExitUsage;
             }
