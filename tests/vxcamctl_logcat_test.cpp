@@ -71,6 +71,24 @@ TEST(VxcamctlLogcat, MergesThreadsBySegmentAndTimeStamp) {
     EXPECT_EQ(result.out,
               Join({kA1, kB0, kB1, kA2, kB2, kB3, kC1, kA3, kA4, kC2, kB4 + "\n", kC3, kA5}));
     EXPECT_NE(result.err.find("skipped 1 binary log file (.bin)"), std::string::npos) << result.err;
+
+    // A crash backup holds copies under the same names, and an empty file for a name whose source
+    // had gone: the same stream.
+    const std::string backupName = "OfflineLog_CrashLog_2026-03-14--09-26-56-000003";
+    root.Write(
+            backupName +
+                    "/VxCam_OfflineLog_2026-03-14--08-00-00-000000__Tid101_Session1_Segment1.txt",
+            "");
+    const std::string backup = root / backupName;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        if (entry.path().extension() == ".txt") {
+            std::filesystem::copy_file(entry.path(),
+                                       backup + "/" + entry.path().filename().string());
+        }
+    }
+    const ProcessResult copied = RunVxcamctl({"logcat", backup});
+    EXPECT_EQ(copied.exitCode, 0) << copied.err;
+    EXPECT_EQ(copied.out, result.out);
 }
 
 TEST(VxcamctlLogcat, Filters) {
