@@ -26,6 +26,7 @@ int RunSession(int argc, char** argv);
 int RunZlib(int argc, char** argv);
 int RunFormat(int argc, char** argv);
 int RunJpeg(int argc, char** argv);
+int RunLogcat(int argc, char** argv);
 
 }  // namespace vxcamctl
 
