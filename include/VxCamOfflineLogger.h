@@ -16,6 +16,7 @@
 #ifndef VXCAM_OFFLINE_LOGGER_H
 #define VXCAM_OFFLINE_LOGGER_H
 
+#include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -129,6 +130,11 @@ class VXCAM_API VxCamOfflineLogger {
     virtual void SetSignal35TombstoneTriggered();
     virtual ~VxCamOfflineLogger();
 
+    // Turns the status report on (1) or off (0): each flush then appends one report block to
+    // "Offlinelog_Dump.log" under "/data/vendor/camera". The switch changes between flushes only,
+    // so a flush that opened the dump file also writes and closes it.
+    void SetStatusDumpEnabled(int enable);
+
   protected:
     // For derived loggers, which must outlive every thread that logged to them: a thread hands
     // its bucket back to its logger when it exits.
@@ -233,6 +239,24 @@ class VXCAM_API VxCamOfflineLogger {
     VxCamOfflineLogger(const VxCamOfflineLogger&) = delete;
     VxCamOfflineLogger& operator=(const VxCamOfflineLogger&) = delete;
 };
+
+// ---- Crash signals ------------------------------------------------------------------------------
+// On SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSYS and SIGTRAP the catcher writes a report and
+// the faulting thread's stack into the text log and into a crash dump file next to the session's
+// files, flushes every bucket (and copies the session's text logs to a crash folder when the disk
+// has room), then calls the action that was installed before it. On signal 35, the platform's
+// request for a stack dump, it writes the stack to the crash dump file only, notes the request and
+// passes it on. GetSettingLink registers the catcher once per process, when a logger with a
+// memory pool starts; the actions found then must be real handlers (on a device, the system crash
+// reporter's), since the catcher calls them as they stand.
+VXCAM_API void RegisterSignalHandlers();
+VXCAM_API void SignalCatcher(int sig, siginfo_t* info, void* context);
+// Calls `oldAction`'s three-argument handler when it has SA_SIGINFO, else its one-argument one.
+VXCAM_API void InvokeDefaultHndlr(struct sigaction* oldAction, int sig, siginfo_t* info,
+                                  void* context);
+
+// A core-dump base directory for hosts; the library itself neither reads nor writes it.
+extern VXCAM_API char g_coreDumpBaseDirectory[256];
 
 // ---- Entry table for hosts that use no C++ interface -------------------------------------------
 // Each function forwards to the logger of its type. Functions that return a value for a void

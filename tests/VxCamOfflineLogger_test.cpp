@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <functional>
 #include <future>
+#include <list>
 #include <map>
 #include <mutex>
 #include <regex>
@@ -61,15 +62,25 @@ class TestLogger : private ConfigHolder, public VxCamOfflineLogger {
         : ConfigHolder{config}, VxCamOfflineLogger(type, &m_config) {}
 
     using VxCamOfflineLogger::AllocateLogQueueMemPool;
+    using VxCamOfflineLogger::BackupRecentModifyLog;
+    using VxCamOfflineLogger::m_coredumpPath;
     using VxCamOfflineLogger::m_fileNameList;
     using VxCamOfflineLogger::m_fileNameSet;
+    using VxCamOfflineLogger::m_finishedThreadList;
     using VxCamOfflineLogger::m_flushRequestIds;
     using VxCamOfflineLogger::m_freeBucketIds;
+    using VxCamOfflineLogger::m_fwriteTimeAvgMs;
     using VxCamOfflineLogger::m_memPool;
+    using VxCamOfflineLogger::m_multiPathCoredumpPath;
     using VxCamOfflineLogger::m_perLogInfoPool;
+    using VxCamOfflineLogger::m_recycleList;
+    using VxCamOfflineLogger::m_removeFailCount;
+    using VxCamOfflineLogger::m_removeSuccessCount;
     using VxCamOfflineLogger::m_sessionCount;
     using VxCamOfflineLogger::m_sessionFolderName;
+    using VxCamOfflineLogger::m_totalFlushSizeMB;
     using VxCamOfflineLogger::m_triggerOperation;
+    using VxCamOfflineLogger::MonitorFileSystemHealth;
     using VxCamOfflineLogger::SetAllToDefaultValue;
 
     double GetAvailableSpace(const char* path) override {
@@ -585,6 +596,189 @@ TEST_F(OfflineLoggerTest, DebugFrameLinesOfAForkedChildCarryItsIds) {
     ASSERT_TRUE(std::regex_match(found, ids, childLine)) << found;
     EXPECT_EQ(ids[1].str(), std::to_string(child));
     EXPECT_EQ(ids[2].str(), std::to_string(child));
+}
+
+// ---- Retention, crash backup, status report ----------------------------------------------------
+
+constexpr uint32_t kOneMiB = 1048576;
+
+// One 1 MiB record per session in `sessions`, each with a real file.
+std::list<RecycleItemInfo> Records(const vxcamtest::TempDir& root, std::vector<uint32_t> sessions) {
+    std::list<RecycleItemInfo> records;
+    int n = 0;
+    for (uint32_t session : sessions) {
+        const std::string name = "s" + std::to_string(session) + "-" + std::to_string(n++);
+        records.push_back({session, 1, kOneMiB, root.Write(name, "x")});
+    }
+    return records;
+}
+
+TEST_F(OfflineLoggerTest, RetentionDeletesOldSessionsThenPartOfTheCurrentOne) {
+    TestLogger logger(OfflineLog, kSmall);
+    // Phase 1: sessions up to the current one minus 2 go, oldest first; the total is then within
+    // the limit, so phase 2 removes nothing but still forgets its share of finished records.
+    logger.m_sessionCount = 5;
+    logger.m_recycleList = Records(m_root, {1, 1, 2, 3, 4, 5});
+    logger.m_finishedThreadList = Records(m_root, std::vector<uint32_t>(10, 5));
+    logger.m_totalFlushSizeMB = 16.0f;
+    fs::remove(logger.m_recycleList.front().fileName);  // a removal that fails is counted
+    const auto recycled = logger.m_recycleList;
+    const auto finished = logger.m_finishedThreadList;
+    logger.RemoveOlderLogFiles();
+    std::vector<bool> exists;
+    for (const RecycleItemInfo& record : recycled) exists.push_back(fs::exists(record.fileName));
+    EXPECT_EQ(exists, std::vector<bool>({false, false, false, false, true, true}));
+    EXPECT_EQ(logger.m_recycleList.size(), 2u);
+    EXPECT_FLOAT_EQ(logger.m_totalFlushSizeMB, 12.0f);
+    EXPECT_EQ(logger.m_removeFailCount, 1u);
+    EXPECT_EQ(logger.m_removeSuccessCount, 0u);
+    EXPECT_EQ(logger.m_finishedThreadList.size(), 7u);
+    for (const RecycleItemInfo& record : finished) EXPECT_TRUE(fs::exists(record.fileName));
+
+    // Before session 3 phase 1 removes nothing and phase 2 runs: ten finished records give three
+    // tries on the first file, which goes once while its size is taken off three times.
+    TestLogger young(OfflineLog, kSmall);
+    young.m_sessionCount = 2;
+    young.m_recycleList = Records(m_root, {1});
+    young.m_finishedThreadList = Records(m_root, std::vector<uint32_t>(10, 2));
+    young.m_totalFlushSizeMB = 100.0f;
+    const std::vector<RecycleItemInfo> current(young.m_finishedThreadList.begin(),
+                                               young.m_finishedThreadList.end());
+    young.RemoveOlderLogFiles();
+    EXPECT_TRUE(fs::exists(young.m_recycleList.front().fileName));
+    EXPECT_FALSE(fs::exists(current[0].fileName));
+    EXPECT_TRUE(fs::exists(current[1].fileName));
+    EXPECT_EQ(young.m_removeSuccessCount, 1u);
+    EXPECT_FLOAT_EQ(young.m_totalFlushSizeMB, 97.0f);
+    EXPECT_EQ(young.m_finishedThreadList.size(), 7u);
+    EXPECT_EQ(young.m_finishedThreadList.front().fileName, current[3].fileName);
+
+    // With nothing recycled, phase 2 runs only over the size threshold.
+    for (float total : {2600.0f, 2600.5f}) {
+        TestLogger fresh(OfflineLog, kSmall);
+        fresh.m_sessionCount = 1;
+        fresh.m_finishedThreadList = Records(m_root, {1, 1});
+        fresh.m_totalFlushSizeMB = total;
+        const std::string first = fresh.m_finishedThreadList.front().fileName;
+        fresh.RemoveOlderLogFiles();
+        EXPECT_EQ(fs::exists(first), total <= 2600.0f) << total;
+        EXPECT_EQ(fresh.m_finishedThreadList.size(), 1u);
+    }
+}
+
+TEST_F(OfflineLoggerTest, WriteTimeAverageCoversTheLastTenSamples) {
+    TestLogger logger(OfflineLog, kSmall);
+    for (int i = 1; i <= 10; ++i) logger.MonitorFileSystemHealth(static_cast<float>(i));
+    EXPECT_EQ(logger.m_fwriteTimeAvgMs, 0.0f);
+    logger.MonitorFileSystemHealth(11.0f);  // the eleventh sample: mean of 2..11
+    EXPECT_FLOAT_EQ(logger.m_fwriteTimeAvgMs, 6.5f);
+    for (int i = 12; i <= 21; ++i) logger.MonitorFileSystemHealth(static_cast<float>(i));
+    EXPECT_FLOAT_EQ(logger.m_fwriteTimeAvgMs, 6.5f);
+    logger.MonitorFileSystemHealth(22.0f);
+    EXPECT_FLOAT_EQ(logger.m_fwriteTimeAvgMs, 17.5f);
+}
+
+TEST_F(OfflineLoggerTest, StatusReportFollowsItsSwitch) {
+    TestLogger logger(OfflineLog, kSmall);
+    const std::string dumpPath = Camera() + "/Offlinelog_Dump.log";
+    logger.SetStatusDumpEnabled(1);
+    OnNewThread([&] { logger.AddLog("a line\n", 7); });
+    logger.FlushLogToFile(1, 0);
+    const std::string written = vxcamtest::ReadFile(dumpPath);
+    const char* const kTrueLines[] = {
+            "+--------------------Offlinelogger Status-----------------------+\n",
+            "  Session                          : 1   \n",
+            "  Logger Type                      : OfflineLog   \n",
+            "  Memory Pool Bucket (Total)       : 4  \n",
+            "  Trigger operation                : TRUE \n",
+            "  Fwrite time average (Last:10)    : 0.000000ms \n",
+            "  Maxium flush log size threadhold : 2600   \n",
+            "  Total Flush Count                : 1   \n",
+            "  Free space (MB)                  : 100000.000000   \n",
+            "  Total remove files success       : 0   \n",
+            "  Trigger clean up operation       : 0   \n",
+            "  Total Request Memory Count       : 1   \n",
+            "  Total Flush time in this session : ",
+    };
+    size_t at = 0;
+    for (const char* line : kTrueLines) {
+        const size_t found = written.find(line, at);
+        ASSERT_NE(found, std::string::npos) << line << "\nin\n" << written;
+        at = found;
+    }
+    EXPECT_NE(written.find("  Physical Memory (Used)           : "), std::string::npos);
+
+    // Nothing to write: the short form.
+    logger.FlushLogToFile(0, 0);
+    const std::string idle = vxcamtest::ReadFile(dumpPath).substr(written.size());
+    EXPECT_EQ(idle.substr(0, idle.find("  Total Flush time in this session : ")),
+              "+--------------------Offlinelogger Status-----------------------+\n"
+              "  Trigger operation                : FALSE  \n"
+              "  Total Request Memory Count       : 0   \n");
+
+    logger.SetStatusDumpEnabled(0);
+    logger.FlushLogToFile(1, 0);
+    EXPECT_EQ(vxcamtest::ReadFile(dumpPath).size(), written.size() + idle.size());
+}
+
+TEST_F(OfflineLoggerTest, CrashBackupCopiesTheSessionsTextLogs) {
+    TestLogger logger(OfflineLog, kSmall);
+    logger.GetSettingLink();  // keeps up to 201 names
+    std::promise<void> secondDone;
+    std::thread first([&] {
+        logger.AddLog("first thread\n", 13);
+        secondDone.get_future().wait();  // alive, so the second thread gets another id
+    });
+    OnNewThread([&] { logger.AddLog("second thread\n", 14); });
+    secondDone.set_value();
+    first.join();
+    logger.FlushLogToFile(1, 0);
+    ASSERT_EQ(logger.m_fileNameList.size(), 2u);
+    const std::string crashFolder = Camera() + "/OfflineLog_CrashLog_" + kT1;
+
+    // The folder cannot be made: nothing is taken off the list.
+    fs::create_directory(crashFolder);
+    EXPECT_EQ(logger.BackupRecentModifyLog(), 1);
+    EXPECT_EQ(logger.m_fileNameList.size(), 2u);
+    fs::remove(crashFolder);
+
+    EXPECT_EQ(logger.BackupRecentModifyLog(), 0);
+    EXPECT_TRUE(logger.m_fileNameList.empty());
+    EXPECT_TRUE(logger.m_fileNameSet.empty());
+    std::map<std::string, std::string> copies;
+    for (const auto& entry : fs::directory_iterator(crashFolder)) {
+        copies[entry.path().filename().string()] = vxcamtest::ReadFile(entry.path().string());
+    }
+    EXPECT_EQ(copies, Files());
+
+    // An empty list still makes its folder.
+    fs::remove_all(crashFolder);
+    EXPECT_EQ(logger.BackupRecentModifyLog(), 0);
+    EXPECT_TRUE(fs::is_directory(crashFolder));
+}
+
+TEST_F(OfflineLoggerTest, CoreDumpPathBySingleAndMultiPathMode) {
+    TestLogger bin(CoredumpBin, {0, 2, 1, 64});
+    EXPECT_EQ(bin.SetCoredumpPath(nullptr), 0);
+    EXPECT_EQ(bin.SetCoredumpPath("/a"), 0);
+    EXPECT_EQ(bin.m_coredumpPath, "/a");
+    bin.SetMultiPathMode(1);
+    EXPECT_EQ(bin.SetCoredumpPath("/b"), 0);
+    EXPECT_EQ(bin.m_coredumpPath, "/a");
+    EXPECT_EQ(bin.m_multiPathCoredumpPath, "/b");
+    EXPECT_TRUE(bin.m_perLogInfoPool.empty()) << "only the text core dump takes a bucket";
+
+    TestLogger text(CoredumpTxt, {0, 2, 1, 64});
+    text.SetMultiPathMode(1);
+    OnNewThread([&] {
+        text.SetCoredumpPath((m_root / "core-1.txt").c_str());
+        text.AddLog("one\n", 4);
+        text.SetCoredumpPath((m_root / "core-2.txt").c_str());
+        text.AddLog("two\n", 4);
+    });
+    text.FlushLogToFile(1, 0);
+    EXPECT_EQ(vxcamtest::ReadFile(m_root / "core-1.txt"), "one\n");
+    EXPECT_EQ(vxcamtest::ReadFile(m_root / "core-2.txt"), "two\n");
 }
 
 }  // namespace

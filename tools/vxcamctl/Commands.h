@@ -23,9 +23,11 @@ bool ReadWholeFile(const char* command, const char* path, std::vector<uint8_t>* 
 
 int RunSettings(int argc, char** argv);
 int RunSession(int argc, char** argv);
+int RunCrash(int argc, char** argv);
 int RunZlib(int argc, char** argv);
 int RunFormat(int argc, char** argv);
 int RunJpeg(int argc, char** argv);
+int RunLogcat(int argc, char** argv);
 
 }  // namespace vxcamctl
 

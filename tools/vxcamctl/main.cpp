@@ -27,6 +27,10 @@ const Command kCommands[] = {
         {"format", "strides, slice heights and sizes the library computes for an image format",
          vxcamctl::RunFormat},
         {"jpeg", "the JPEG size in the blob trailer of a captured blob buffer", vxcamctl::RunJpeg},
+        {"crash", "crash a camera process on one of its logging threads and show what it left",
+         vxcamctl::RunCrash},
+        {"logcat", "merge a session folder's per-thread log files into one stream by time stamp",
+         vxcamctl::RunLogcat},
 };
 
 void PrintUsage(FILE* out) {

@@ -26,6 +26,8 @@
 
 #include <VxCamPortPath.h>
 #include <log/log.h>
+#include <utils/CallStack.h>
+#include <utils/String8.h>
 
 #include "VxCamStaticSetting.h"
 
@@ -434,6 +436,8 @@ class BucketPages {
     }
 };
 
+void RegisterSignalHandlersOnce();
+
 float MillisecondsSince(std::chrono::steady_clock::time_point start) {
     const auto elapsed = std::chrono::steady_clock::now() - start;
     return static_cast<float>(std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count()) /
@@ -613,6 +617,7 @@ int VxCamOfflineLogger::GetSettingLink() {
     }
     if (result != 1) return result;
     m_state.store(kStateActive);
+    RegisterSignalHandlersOnce();
     return 1;
 }
 
@@ -1383,6 +1388,13 @@ int VxCamOfflineLogger::IsCoredumpEnabled() {
     return static_cast<int>(m_coredumpEnabled);
 }
 
+void VxCamOfflineLogger::SetStatusDumpEnabled(int enable) {
+    // Under the flush's lock: a flush opens the dump file only while the switch is on and closes
+    // it before it returns, so file and switch never disagree.
+    std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+    m_statusDumpEnabled = enable == 1 ? 1 : 0;
+}
+
 // ---- Status report ------------------------------------------------------------------------------
 
 int VxCamOfflineLogger::DumpCurrentOfflineLogStatus() {
@@ -1430,6 +1442,148 @@ int VxCamOfflineLogger::DumpCurrentOfflineLogStatus() {
     DPrintF(fd, "  Total Flush time in this session : %fms \n",
             static_cast<double>(m_totalFlushTimeMs));
     return 0;
+}
+
+// ---- Signal catcher -----------------------------------------------------------------------------
+
+char g_coreDumpBaseDirectory[256];
+
+namespace {
+
+constexpr int kDebuggerSignal = 35;  // the platform's request for a live stack dump
+
+struct CaughtSignal {
+    int number;
+    const char* name;  // as the registration messages name it
+};
+
+constexpr CaughtSignal kCaughtSignals[] = {
+        {SIGSEGV, "SIGSEGV"}, {SIGABRT, "SIGABRT"},
+        {SIGBUS, "SIGBUS"},   {SIGFPE, "SIGFPE"},
+        {SIGILL, "SIGILL"},   {SIGSYS, "SIGSYS"},
+        {SIGTRAP, "SIGTRAP"}, {kDebuggerSignal, "DEBUGGER_SIGNAL"},
+};
+constexpr size_t kCaughtSignalCount = sizeof(kCaughtSignals) / sizeof(kCaughtSignals[0]);
+
+// The actions found at registration, in kCaughtSignals' order.
+struct sigaction s_oldSignalActions[kCaughtSignalCount];
+std::atomic<VxCamOfflineLogger*> s_crashLogger{nullptr};
+std::atomic<bool> s_signalHandlersRegistered{false};
+
+void RegisterSignalHandlersOnce() {
+    if (!s_signalHandlersRegistered.exchange(true)) RegisterSignalHandlers();
+}
+
+struct sigaction* SavedAction(int sig) {
+    for (size_t i = 0; i < kCaughtSignalCount; ++i) {
+        if (kCaughtSignals[i].number == sig) return &s_oldSignalActions[i];
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+void RegisterSignalHandlers() {
+    // The new action keeps the flags and mask the platform gave SIGSEGV.
+    if (sigaction(SIGSEGV, nullptr, &s_oldSignalActions[0]) != 0) {
+        OFFLINE_LOGE("Failed to get signal handler for SIGSEGV");
+    }
+    struct sigaction catcher = s_oldSignalActions[0];
+    catcher.sa_sigaction = SignalCatcher;
+    catcher.sa_flags |= SA_SIGINFO;
+    for (size_t i = 0; i < kCaughtSignalCount; ++i) {
+        struct sigaction* previous = i == 0 ? nullptr : &s_oldSignalActions[i];
+        if (sigaction(kCaughtSignals[i].number, &catcher, previous) != 0) {
+            OFFLINE_LOGE("Failed to register signal handler for %s", kCaughtSignals[i].name);
+        }
+    }
+}
+
+void InvokeDefaultHndlr(struct sigaction* oldAction, int sig, siginfo_t* info, void* context) {
+    if (oldAction == nullptr) return;
+    if ((oldAction->sa_flags & SA_SIGINFO) != 0) {
+        oldAction->sa_sigaction(sig, info, context);
+    } else {
+        oldAction->sa_handler(sig);
+    }
+}
+
+// Runs on the faulting thread with the process in an unknown state. Every dump line is written
+// with its own open and close, so what reached the file survives a second fault.
+void SignalCatcher(int sig, siginfo_t* info, void* context) {
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm localStorage = {};
+    const tm* local = localtime_r(&now.tv_sec, &localStorage);
+    VxCamOfflineLogger* logger = s_crashLogger.load();
+    if (logger == nullptr) {
+        logger = VxCamOfflineLogger::GetInstance(OfflineLog);
+        s_crashLogger.store(logger);
+    }
+
+    char stamp[100] = "";
+    if (local != nullptr) {
+        snprintf(stamp, sizeof(stamp), "%02d-%02d %02d:%02d:%02d:%09ld  %4d  %4d",
+                 local->tm_mon + 1, local->tm_mday, local->tm_hour, local->tm_min, local->tm_sec,
+                 now.tv_nsec, getpid(), gettid());
+        char header[1024];
+        snprintf(header, sizeof(header),
+                 "%s F DEBUG   : *** *** *** *** *** *** *** *** *** *** *** *** *** *** *** ***\n"
+                 "%s F DEBUG   : pid: %d, tid: %d\n"
+                 "%s F DEBUG   : signal %d, code %d, fault addr %p\n"
+                 "%s F DEBUG   : *** *** *** *** *** *** *** *** *** *** *** *** *** *** *** ***\n",
+                 stamp, stamp, getpid(), gettid(), stamp, info != nullptr ? info->si_signo : sig,
+                 info != nullptr ? info->si_code : 0, info != nullptr ? info->si_addr : nullptr,
+                 stamp);
+        if (logger != nullptr) logger->AddLog(header, static_cast<unsigned int>(strlen(header)));
+    }
+
+    android::CallStack stack;
+    stack.update(1, BACKTRACE_CURRENT_THREAD);
+    char frames[4096];
+    strlcpy(frames, stack.toString(nullptr).c_str(), sizeof(frames));
+    const std::string root = VxCamPort::ResolveDevicePath(kDeviceRoot);
+    const std::string dumpPath =
+            (logger != nullptr ? logger->GetCurrentSessionPrefixFilename() : root + "/") +
+            "_Crash_Dump.log";
+    char* cursor = nullptr;
+    int piece = 0;
+    for (char* frame = strtok_r(frames, "#", &cursor); frame != nullptr;
+         frame = strtok_r(nullptr, "#", &cursor)) {
+        if (piece++ < 2) continue;  // the catcher's own frames
+        char line[1024];
+        if (local != nullptr) {
+            snprintf(line, sizeof(line), "%s F DEBUG   : #%s", stamp, frame);
+        } else {
+            snprintf(line, sizeof(line), "F DEBUG   : #%s", frame);
+        }
+        if (sig != kDebuggerSignal && logger != nullptr) {
+            logger->AddLog(line, static_cast<unsigned int>(strlen(line)));
+        }
+        if (FILE* dump = fopen(dumpPath.c_str(), "a+")) {
+            fputs(line, dump);
+            fclose(dump);
+        }
+    }
+
+    if (logger != nullptr) {
+        const double freeMB = logger->GetAvailableSpace(root.c_str());
+        const int minimumMB = logger->GetMinimumRequireForBackupLog();
+        const int backupEnabled = logger->GetEnableBackupLogWhileCrash();
+        if (sig == kDebuggerSignal) {
+            logger->SetSignal35TombstoneTriggered();
+        } else {
+            const int backup = freeMB > static_cast<double>(minimumMB) && backupEnabled == 1;
+            logger->FlushLogToFile(1, backup);
+        }
+    }
+
+    struct sigaction* previous = SavedAction(sig);
+    if (previous == nullptr) {
+        OFFLINE_LOGE("Signal %d received, No action matching", sig);
+        return;
+    }
+    InvokeDefaultHndlr(previous, sig, info, context);
 }
 
 // ---- Entry table --------------------------------------------------------------------------------

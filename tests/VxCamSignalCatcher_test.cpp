@@ -1,0 +1,231 @@
+// The signal catcher, exercised in forked children: each child starts the loggers, installs a
+// known handler in the place of the system crash reporter, logs from two threads and takes a
+// signal on one of them. The parent reads what is left on disk.
+//
+// The catcher runs in the children only, after the test's own handler has replaced whatever the
+// sanitizers installed, so the AddressSanitizer build checks it too. The ThreadSanitizer build
+// leaves this suite out: the catcher flushes from a signal handler by design.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/statvfs.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "TestSupport.h"
+#include "VxCamOfflineLogger.h"
+
+namespace fs = std::filesystem;
+using namespace VxCam;
+
+namespace {
+std::atomic<long> g_freeMB{-1};  // what statvfs reports in megabytes; -1: the real answer
+int g_recordFd = -1;             // where the stand-in crash reporter notes its call
+}  // namespace
+
+// The disk the catcher weighs the backup against.
+extern "C" int statvfs(const char* path, struct statvfs* out) {
+    using Statvfs = int (*)(const char*, struct statvfs*);
+    static Statvfs real = reinterpret_cast<Statvfs>(dlsym(RTLD_NEXT, "statvfs"));
+    const long freeMB = g_freeMB.load();
+    if (freeMB < 0) return real(path, out);
+    *out = {};
+    out->f_bsize = 1048576;
+    out->f_bavail = static_cast<fsblkcnt_t>(freeMB);
+    return 0;
+}
+
+namespace {
+
+constexpr int kDebuggerSignal = 35;
+constexpr int kChainedExit = 42;  // the previous handler ran and ended the child
+constexpr int kChildFailed = 3;
+
+void NoteCall(const std::string& text) {
+    if (write(g_recordFd, text.data(), text.size()) < 0) _exit(kChildFailed);
+}
+
+void PreviousWithInfo(int sig, siginfo_t* info, void* context) {
+    NoteCall("sig " + std::to_string(sig) + " signo " + std::to_string(info->si_signo) + " code " +
+             std::to_string(info->si_code) + (context != nullptr ? " context" : ""));
+    if (sig != kDebuggerSignal) _exit(kChainedExit);
+}
+
+void PreviousPlain(int sig) {
+    NoteCall("sig " + std::to_string(sig) + " plain");
+    if (sig != kDebuggerSignal) _exit(kChainedExit);
+}
+
+struct CrashCase {
+    int sig;
+    bool withInfo;    // the previous handler takes SA_SIGINFO
+    long freeMB;      // free space when the signal arrives (the minimum for a backup is 3000)
+    bool flushFirst;  // the session has a prefix before the signal
+    bool expectBackup;
+};
+
+const CrashCase kCases[] = {
+        {SIGSEGV, true, 3001, true, true},
+        {SIGABRT, false, 3000, false, false},
+        {SIGBUS, true, 2000, true, false},
+        {SIGFPE, false, 100000, false, true},
+        {SIGILL, true, 100000, true, true},
+        {SIGSYS, false, 100000, false, true},
+        {SIGTRAP, true, 100000, true, true},
+        {kDebuggerSignal, false, 100000, true, false},
+        {kDebuggerSignal, true, 100000, false, false},
+};
+
+std::string Numbered(char tag, int n) {
+    return std::string(1, tag) + "-" + std::to_string(n) + " the line before the fault\n";
+}
+
+// The child: never returns.
+[[noreturn]] void RunChild(const CrashCase& c, const std::string& root) {
+    if (chdir(root.c_str()) != 0) _exit(kChildFailed);
+    g_recordFd = open((root + "/record").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (g_recordFd < 0) _exit(kChildFailed);
+    struct sigaction previous = {};
+    if (c.withInfo) {
+        previous.sa_sigaction = PreviousWithInfo;
+        previous.sa_flags = SA_SIGINFO;
+    } else {
+        previous.sa_handler = PreviousPlain;
+    }
+    if (sigaction(c.sig, &previous, nullptr) != 0) _exit(kChildFailed);
+
+    g_freeMB = 100000;
+    VxCamOfflineLogger* text = VxCamOfflineLogger::GetInstance(OfflineLog);
+    if (text->GetSettingLink() != 1) _exit(kChildFailed);
+    // A logger with a pool registers the catcher.
+    if (VxCamOfflineLogger::GetInstance(CoredumpTxt)->GetSettingLink() != 1) _exit(kChildFailed);
+    text->NotifyCameraOpen();
+    // One thread ends before the fault; its bucket waits for the flush.
+    std::thread([text] {
+        for (int i = 0; i < 100; ++i) text->AddLog(Numbered('A', i).c_str(), 40);
+    }).join();
+    // Names the session; with nothing queued yet it writes nothing.
+    if (c.flushFirst) text->FlushLogToFile(0, 0);
+    std::thread([&c, text] {
+        for (int i = 0; i < 50; ++i) text->AddLog(Numbered('B', i).c_str(), 40);
+        g_freeMB = c.freeMB;
+        syscall(SYS_tgkill, getpid(), gettid(), c.sig);
+    }).join();
+    _exit(text->GetSignal35TombstoneTriggered() == 1 ? 0 : kChildFailed);
+}
+
+// The first entry of `folder` whose name starts with `prefix`, or "".
+std::string Find(const std::string& folder, const std::string& prefix) {
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        if (entry.path().filename().string().rfind(prefix, 0) == 0) return entry.path().string();
+    }
+    return std::string();
+}
+
+// Text log files under `folder`, concatenated in name order.
+std::string TextLogs(const std::string& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        if (entry.path().extension() == ".txt") names.push_back(entry.path().string());
+    }
+    std::sort(names.begin(), names.end());
+    std::string text;
+    for (const std::string& name : names) text += vxcamtest::ReadFile(name);
+    return text;
+}
+
+TEST(SignalCatcher, ReportsFlushesBacksUpAndChains) {
+    for (const CrashCase& c : kCases) {
+        SCOPED_TRACE("signal " + std::to_string(c.sig) + (c.withInfo ? " siginfo" : " plain"));
+        vxcamtest::TempDir root;
+        const std::string camera = root / "data/vendor/camera";
+        fs::create_directories(camera);
+        setenv("VXCAM_SYSROOT", root.Path().c_str(), 1);
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) RunChild(c, root.Path());
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status)) << "killed by " << WTERMSIG(status);
+        const bool debugger = c.sig == kDebuggerSignal;
+        // A fatal signal reaches the previous handler, which ends the child; signal 35 returns to
+        // the child, which then finds the tombstone flag set.
+        EXPECT_EQ(WEXITSTATUS(status), debugger ? 0 : kChainedExit);
+        const std::string expectedCall = "sig " + std::to_string(c.sig) +
+                                         (c.withInfo ? " signo " + std::to_string(c.sig) + " code " +
+                                                               std::to_string(SI_TKILL) + " context"
+                                                     : " plain");
+        EXPECT_EQ(vxcamtest::ReadFile(root / "record"), expectedCall);
+
+        // Before the first flush the session has no prefix: the dump takes a relative name.
+        const std::string session = Find(camera, "VxCam_OfflineLog_");
+        const std::string prefix = session.empty() ? "" : Find(session, "VxCam_OfflineLog_");
+        const std::string dumpPath =
+                c.flushFirst ? prefix.substr(0, prefix.find("__")) + "__Session1_Crash_Dump.log"
+                             : root / "_Session1_Crash_Dump.log";
+        ASSERT_TRUE(fs::exists(dumpPath)) << dumpPath;
+        const std::string dump = vxcamtest::ReadFile(dumpPath);
+        // The catcher's own two frames are left out: the first line shows frame #02.
+        EXPECT_NE(dump.find(" F DEBUG   : #02 pc "), std::string::npos) << dump;
+        EXPECT_EQ(dump.find(" F DEBUG   : #00 "), std::string::npos) << dump;
+        EXPECT_EQ(dump.find("*** ***"), std::string::npos) << "the header stays out of the dump";
+
+        const std::string logs = session.empty() ? "" : TextLogs(session);
+        if (debugger) {
+            EXPECT_EQ(logs, "") << "signal 35 flushes nothing";
+        } else {
+            for (int i = 0; i < 100; ++i) EXPECT_NE(logs.find(Numbered('A', i)), std::string::npos);
+            for (int i = 0; i < 50; ++i) EXPECT_NE(logs.find(Numbered('B', i)), std::string::npos);
+            const std::string signalLine = " F DEBUG   : signal " + std::to_string(c.sig) +
+                                           ", code " + std::to_string(SI_TKILL) + ", fault addr ";
+            EXPECT_NE(logs.find(signalLine), std::string::npos);
+            EXPECT_NE(logs.find(" F DEBUG   : pid: " + std::to_string(child) + ", tid: "),
+                      std::string::npos);
+            EXPECT_NE(logs.find(" F DEBUG   : #02 pc "), std::string::npos);
+            // The crash header and stack follow the last line the thread logged.
+            EXPECT_LT(logs.find(Numbered('B', 49)), logs.find(signalLine));
+        }
+
+        const std::string backup = Find(camera, "OfflineLog_CrashLog_");
+        EXPECT_EQ(!backup.empty(), c.expectBackup);
+        if (!backup.empty()) {
+            EXPECT_EQ(TextLogs(backup), logs);
+        }
+    }
+}
+
+// A signal the catcher was not registered for is reported and not passed on.
+TEST(SignalCatcher, UnknownSignalIsNotChained) {
+    vxcamtest::TempDir root;
+    fs::create_directories(root / "data/vendor/camera");
+    setenv("VXCAM_SYSROOT", root.Path().c_str(), 1);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        vxcamtest::LogCapture capture;
+        if (chdir(root.Path().c_str()) != 0) _exit(kChildFailed);
+        if (VxCamOfflineLogger::GetInstance(CoredumpTxt)->GetSettingLink() != 1)
+            _exit(kChildFailed);
+        siginfo_t info = {};
+        info.si_signo = SIGUSR1;
+        SignalCatcher(SIGUSR1, &info, nullptr);
+        _exit(capture.Has("SignalCatcher():") &&
+                              capture.Has("Signal 10 received, No action matching")
+                      ? 0
+                      : kChildFailed);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+}  // namespace

@@ -1,0 +1,211 @@
+// vxcamctl logcat as a user meets it: a session folder's thread files merged into one stream by
+// time stamp, the filters, and the folders it must survive.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+
+namespace {
+
+using vxcamtest::ProcessResult;
+using vxcamtest::RunVxcamctl;
+using vxcamtest::TempDir;
+
+const std::string kPrefix = "VxCam_OfflineLog_2026-03-14--09-26-53-000001_";
+
+// The lines of the fixture, named by thread and order within the thread; the time stamps say
+// where each belongs in the merged stream.
+const std::string kA1 = "03-14 09:26:53:100000000  4242   101 I VxCam: 101 opens\n";
+const std::string kA2 = "03-14 09:26:53:400000000  4242   101 I VxCam: 101 ties with 202\n";
+const std::string kA3 = "03-14 09:26:53:600000000  4242   101 E VxCam: 101 segment 2\n";
+const std::string kA4 = "03-14 09:26:54:000000000  4242   101 I VxCam: 101 segment 10\n";
+const std::string kA5 = "03-14 09:26:55:500000000  4242   101 V VxCam: 101 session 2\n";
+const std::string kB0 = "host banner added without a stamp\n";
+const std::string kB1 = "03-14 09:26:53:200000000  4242   202 I VxCam: 202 starts\n";
+const std::string kB2 = "03-14 09:26:53:400000000  4242   202 I VxCam: 202 ties with 101\n";
+const std::string kB3 = "    continued without a stamp\n";
+const std::string kB4 = "03-14 09:26:54:500000000  4242   202 I VxCam: 202 cut off";  // no '\n'
+const std::string kC1 = "03-14 09:26:53:500000000  4242   303 I VxCam: 303 segment 9\n";
+const std::string kC2 = "03-14 09:26:54:200000000  4242   303 I VxCam: 303 segment 10\n";
+const std::string kC3 = "03-14 09:26:55:000000000  4242   303 F DEBUG   : 303 session 2\n";
+
+// Three threads, segments 2 and 10 (and 9 and 10) that sort wrongly as text, two sessions, a
+// truncated last line, lines without a stamp, a binary log and a crash dump that are no thread's.
+std::string WriteSessionFolder(const TempDir& root) {
+    const std::string folder = "VxCam_OfflineLog_2026-03-14--09-26-53-000002";
+    const std::map<std::string, std::string> files = {
+            {"_Tid101_Session1_Segment1.txt", kA1 + kA2},
+            {"_Tid101_Session1_Segment2.txt", kA3},
+            {"_Tid101_Session1_Segment10.txt", kA4},
+            {"_Tid101_Session2_Segment1.txt", kA5},
+            {"_Tid202_Session1_Segment1.txt", kB0 + kB1 + kB2 + kB3 + kB4},
+            {"_Tid303_Session1_Segment9.txt", kC1},
+            {"_Tid303_Session1_Segment10.txt", kC2},
+            {"_Tid303_Session2_Segment1.txt", kC3},
+            {"_Tid101_Session1_Segment1.bin", "03-14 09:26:53:000000001 binary\n\x01\x02"},
+            {"_Session1_Crash_Dump.log", "03-14 09:26:53:000000001  4242   101 F DEBUG   : #00\n"},
+    };
+    for (const auto& [name, text] : files) root.Write(folder + "/" + kPrefix + name, text);
+    return root / folder;
+}
+
+std::string Join(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) text += line;
+    return text;
+}
+
+TEST(VxcamctlLogcat, MergesThreadsBySegmentAndTimeStamp) {
+    TempDir root;
+    const std::string folder = WriteSessionFolder(root);
+    const ProcessResult result = RunVxcamctl({"logcat", folder});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    // Ties go to the lower thread id; unstamped lines stay beside their neighbours; the cut-off
+    // line is printed once, with a line feed.
+    EXPECT_EQ(result.out,
+              Join({kA1, kB0, kB1, kA2, kB2, kB3, kC1, kA3, kA4, kC2, kB4 + "\n", kC3, kA5}));
+    EXPECT_NE(result.err.find("skipped 1 binary log file (.bin)"), std::string::npos) << result.err;
+
+    // A crash backup holds copies under the same names, and an empty file for a name whose source
+    // had gone: the same stream.
+    const std::string backupName = "OfflineLog_CrashLog_2026-03-14--09-26-56-000003";
+    root.Write(
+            backupName +
+                    "/VxCam_OfflineLog_2026-03-14--08-00-00-000000__Tid101_Session1_Segment1.txt",
+            "");
+    const std::string backup = root / backupName;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        if (entry.path().extension() == ".txt") {
+            std::filesystem::copy_file(entry.path(),
+                                       backup + "/" + entry.path().filename().string());
+        }
+    }
+    const ProcessResult copied = RunVxcamctl({"logcat", backup});
+    EXPECT_EQ(copied.exitCode, 0) << copied.err;
+    EXPECT_EQ(copied.out, result.out);
+}
+
+TEST(VxcamctlLogcat, Filters) {
+    TempDir root;
+    const std::string folder = WriteSessionFolder(root);
+    struct Case {
+        std::vector<std::string> options;
+        std::vector<std::string> lines;
+    };
+    const Case cases[] = {
+            {{"--tid", "303"}, {kC1, kC2, kC3}},
+            {{"--tid", "303", "--tid=101"}, {kA1, kA2, kC1, kA3, kA4, kC2, kC3, kA5}},
+            {{"--tid", "202,303"}, {kB0, kB1, kB2, kB3, kC1, kC2, kB4 + "\n", kC3}},
+            // Inclusive, at the line's own precision; the unstamped line goes with its stamp.
+            {{"--since", "03-14 09:26:53.4"},
+             {kA2, kB2, kB3, kC1, kA3, kA4, kC2, kB4 + "\n", kC3, kA5}},
+            {{"--since", "03-14 09:26:53:400000001"}, {kC1, kA3, kA4, kC2, kB4 + "\n", kC3, kA5}},
+            {{"--since=03-14 09:26:55"}, {kC3, kA5}},
+            {{"--grep", "segment (2|10)$"}, {kA3, kA4, kC2}},
+            {{"--grep", " F DEBUG "}, {kC3}},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> arguments = {"logcat"};
+        arguments.insert(arguments.end(), c.options.begin(), c.options.end());
+        arguments.push_back(folder);
+        const ProcessResult result = RunVxcamctl(arguments);
+        EXPECT_EQ(result.exitCode, 0) << c.options[0] << " " << result.err;
+        EXPECT_EQ(result.out, Join(c.lines)) << c.options[0] << " " << c.options.back();
+    }
+}
+
+// Whatever is in the folder, the answer is a message and a fixed status, never a crash or a hang.
+TEST(VxcamctlLogcat, BadInput) {
+    TempDir root;
+    const std::string folder = WriteSessionFolder(root);
+    const std::string file = root.Write("plain.txt", "x\n");
+    std::filesystem::create_directories(root / "empty");
+    struct Case {
+        std::vector<std::string> arguments;
+        int exitCode;
+        std::string message;
+    };
+    const Case cases[] = {
+            {{"logcat"}, 2, "usage: vxcamctl logcat"},
+            {{"logcat", root / "absent"}, 2, "cannot open folder"},
+            {{"logcat", file}, 2, "is not a folder"},
+            {{"logcat", "--bogus", folder}, 2, "unexpected argument '--bogus'"},
+            {{"logcat", folder, "--tid"}, 2, "--tid needs a value"},
+            {{"logcat", "--tid", "12x", folder}, 2, "--tid needs decimal thread ids"},
+            {{"logcat", "--tid", "4294967296", folder}, 2, "--tid needs decimal thread ids"},
+            {{"logcat", "--since", "14-03 09:26:53", folder}, 2, "--since needs a time stamp"},
+            {{"logcat", "--since", "03-14 09:26:53.", folder}, 2, "--since needs a time stamp"},
+            {{"logcat", "--grep", "(", folder}, 2, "--grep '('"},
+            {{"logcat", root / "empty"}, 1, "no text log file"},
+            {{"logcat", "--tid", "404", folder}, 1, "no line passed the filters"},
+            {{"logcat", "--grep", "no such text", folder}, 1, "no line passed the filters"},
+    };
+    for (const Case& c : cases) {
+        const ProcessResult result = RunVxcamctl(c.arguments);
+        EXPECT_EQ(result.exitCode, c.exitCode) << c.message;
+        EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
+    }
+
+    // Garbage with no stamp and a FIFO named like a log file: the bytes come out as they are, and
+    // the FIFO, which would block a reader, is passed over.
+    std::string garbage = "13-40 25:61:61:000000000 not a stamp\n03-14 09:2";
+    for (int byte = 0; byte < 256; ++byte) garbage += static_cast<char>(byte);
+    root.Write("junk/x__Tid7_Session1_Segment1.txt", garbage);
+    ASSERT_EQ(mkfifo((root / "junk/x__Tid8_Session1_Segment1.txt").c_str(), 0600), 0);
+    const ProcessResult junk = RunVxcamctl({"logcat", root / "junk"});
+    EXPECT_EQ(junk.exitCode, 0) << junk.err;
+    EXPECT_EQ(junk.out, garbage + "\n");
+}
+
+// The real library's files: every line `vxcamctl session` logged comes out once, each thread's
+// lines in the order logged, and the stamped lines in time order.
+TEST(VxcamctlLogcat, ReadsWhatTheLibraryWrote) {
+    TempDir sysroot;
+    sysroot.Write("data/vendor/camera/.keep", "");
+    sysroot.Write("vendor/build.prop", "vendor.camera.vcf.LogOfflineEnable=1\n");
+    const ProcessResult session =
+            RunVxcamctl({"session", "--sysroot", sysroot.Path(), "--threads", "3", "--lines",
+                         "3000", "--sessions", "2", "--logsystem-every", "3"});
+    ASSERT_EQ(session.exitCode, 0) << session.out << session.err;
+
+    std::vector<std::string> arguments = {"logcat"};
+    for (const auto& entry : std::filesystem::directory_iterator(sysroot / "data/vendor/camera")) {
+        if (entry.path().filename().string().rfind("VxCam_OfflineLog_", 0) == 0) {
+            arguments.push_back(entry.path().string());
+        }
+    }
+    const ProcessResult result = RunVxcamctl(arguments);
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+
+    std::istringstream lines(result.out);
+    std::string line, lastStamp;
+    std::map<std::string, long> lastSeq;  // "session thread" -> sequence number
+    unsigned long count = 0, stamped = 0;
+    while (std::getline(lines, line)) {
+        ++count;
+        const size_t marker = line.find("vxs ");
+        ASSERT_NE(marker, std::string::npos) << line;
+        std::istringstream fields(line.substr(marker + 4));
+        std::string session, thread;
+        long seq = -1;
+        fields >> session >> thread >> seq;
+        const std::string key = session + " " + thread;
+        EXPECT_GT(seq, lastSeq.count(key) ? lastSeq[key] : -1) << line;
+        lastSeq[key] = seq;
+        if (line.compare(5, 1, " ") == 0 && line.compare(14, 1, ":") == 0) {
+            ++stamped;
+            EXPECT_GE(line.substr(0, 24), lastStamp) << line;  // fixed width: text order is time
+            lastStamp = line.substr(0, 24);
+        }
+    }
+    EXPECT_EQ(count, 18000u);
+    EXPECT_EQ(stamped, 2 * 3 * 1000u);  // sequence numbers 0, 3, ... 2997 through the debug frame
+}
+
+}  // namespace
