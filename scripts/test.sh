@@ -40,3 +40,7 @@ echo "vendor.camera.vcf.LogOfflineEnable=1" >"$tsan_root/vendor/build.prop"
 TSAN_OPTIONS=halt_on_error=1 ANDROID_LOG_TAGS='*:s' \
     build-tsan/tools/vxcamctl session --sysroot "$tsan_root" --threads 8 --lines 20000 \
     --sessions 2 --close-while-logging --quiet | tail -2
+echo "== the same without membarrier: the capture lock's other handshake"
+TSAN_OPTIONS=halt_on_error=1 ANDROID_LOG_TAGS='*:s' \
+    build-tsan/tools/vxcamctl session --sysroot "$tsan_root" --threads 8 --lines 20000 \
+    --sessions 2 --close-while-logging --no-membarrier --quiet | tail -2

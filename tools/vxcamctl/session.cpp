@@ -4,12 +4,17 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <stdarg.h>
+#include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -47,6 +52,7 @@ struct Options {
     bool closeWhileLogging = false;
     bool bench = false;
     bool androidLog = false;
+    bool noMembarrier = false;
     bool quiet = false;
     std::string library = "libvxcamcommonutils.so";
 };
@@ -55,7 +61,8 @@ void PrintSessionUsage(FILE* out) {
     fprintf(out,
             "usage: vxcamctl session [--threads N] [--lines M] [--length L] [--sessions K]\n"
             "                        [--logsystem-every N] [--close-while-logging] [--bench]\n"
-            "                        [--android-log] [--library PATH] [--quiet] [--sysroot DIR]\n"
+            "                        [--android-log] [--no-membarrier] [--library PATH] [--quiet]\n"
+            "                        [--sysroot DIR]\n"
             "\n"
             "Runs K camera sessions as a camera host does: loads the library with dlopen, takes\n"
             "the offline-log entry table from ChiOfflineLogEntry, starts the text logger, links a\n"
@@ -77,6 +84,8 @@ void PrintSessionUsage(FILE* out) {
             "are\n"
             "                         still checked, but not listed\n"
             "  --android-log          keep the Android log (stderr); by default it is silenced\n"
+            "  --no-membarrier        run as on a kernel without membarrier: the library's\n"
+            "                         capture then pays for its own barrier on every line\n"
             "  --library PATH         the library to load (default: libvxcamcommonutils.so)\n");
 }
 
@@ -88,6 +97,21 @@ bool ParseNumber(const char* text, unsigned long max, unsigned long* value) {
     if (errno != 0 || *end != '\0' || parsed > max || text[0] == '-') return false;
     *value = static_cast<unsigned long>(parsed);
     return true;
+}
+
+// --no-membarrier: a seccomp filter that answers membarrier with ENOSYS, as a kernel before 4.14
+// would. Installed before the library's first line, when it decides how its lock works.
+bool DenyMembarrier() {
+    struct sock_filter filter[] = {
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_membarrier, 0, 1),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | (ENOSYS & SECCOMP_RET_DATA)),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    struct sock_fprog program = {static_cast<unsigned short>(sizeof(filter) / sizeof(filter[0])),
+                                 filter};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
 // ---- The host's side of the library --------------------------------------------------------
@@ -572,6 +596,8 @@ int RunSession(int argc, char** argv) {
             options.bench = true;
         } else if (strcmp(argument, "--android-log") == 0) {
             options.androidLog = true;
+        } else if (strcmp(argument, "--no-membarrier") == 0) {
+            options.noMembarrier = true;
         } else if (strcmp(argument, "--quiet") == 0) {
             options.quiet = true;
         } else if (strcmp(argument, "--library") == 0 && value != nullptr) {
@@ -587,6 +613,11 @@ int RunSession(int argc, char** argv) {
         }
     }
 
+    if (options.noMembarrier && !DenyMembarrier()) {
+        fprintf(stderr, "vxcamctl session: cannot deny membarrier to this process: %s\n",
+                strerror(errno));
+        return kExitUsage;
+    }
     Library library;
     if (!LoadLibrary(options, &library)) return kExitUsage;
     const std::string camera = CameraRoot();
