@@ -88,8 +88,16 @@ bool HeavyBarrierAvailable() {
     return available;
 }
 
+void HeavyBarrier() {
+    if (syscall(__NR_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) == 0) return;
+    // The registration belongs to the address space; one that has lost it registers again.
+    syscall(__NR_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0);
+    syscall(__NR_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
+}
+
+// Sequentially consistent: the load is the exclusive side's half of the handshake.
 void WaitUntilZero(const std::atomic<uint32_t>& word, uint32_t own) {
-    for (unsigned round = 0; word.load(std::memory_order_acquire) != own; ++round) {
+    for (unsigned round = 0; word.load(std::memory_order_seq_cst) != own; ++round) {
         if (round < 64) {
             sched_yield();
         } else {
@@ -150,8 +158,7 @@ class OfflineLoggerThreadLock {
         ThreadLockState& self = t_capture.lock;
         pthread_mutex_lock(&m_writerMutex);
         m_writer.store(1, std::memory_order_seq_cst);
-        if (HeavyBarrierAvailable())
-            syscall(__NR_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
+        if (HeavyBarrierAvailable()) HeavyBarrier();
         // A thread that already holds it shared is let through rather than left waiting on itself.
         const bool holding = self.depth != 0;
         for (ReaderSlot& slot : m_slots) {
@@ -224,8 +231,9 @@ class OfflineLoggerThreadLock {
 
     ReaderSlot m_slots[kReaderSlots];
     alignas(128) std::atomic<uint32_t> m_countedReaders{0};
+    // Read for every line and written only by exclusive holders: on a line of its own.
     alignas(128) std::atomic<uint32_t> m_writer{0};
-    std::atomic<uint32_t> m_nextSlot{0};
+    alignas(128) std::atomic<uint32_t> m_nextSlot{0};
     pthread_mutex_t m_writerMutex = PTHREAD_MUTEX_INITIALIZER;
 };
 
