@@ -387,15 +387,17 @@ class BucketPages {
         Mapping* heir = nullptr;
         unsigned char* heirBucket = nullptr;
         size_t warm = 0;
+        // Buckets with pages lead the line, so the first one without is the heir.
         for (int id : freeIds) {
             if (id < 0 || static_cast<size_t>(id) >= pool.size()) continue;
             Mapping* candidate = Find(pool[id]);
             if (candidate == nullptr) continue;
             if (candidate->warm) {
                 if (++warm >= warmLimit) break;
-            } else if (heir == nullptr && candidate->length == mapping->length) {
+            } else if (candidate->length == mapping->length) {
                 heir = candidate;
                 heirBucket = pool[id];
+                break;
             }
         }
         mapping->warm = false;
