@@ -279,6 +279,15 @@ void BM_FilteredMessage(benchmark::State& state) {
 
 // ---- Flush ----------------------------------------------------------------------------------
 
+// Lets the file system finish what earlier runs left (their files are deleted, but the journal and
+// the writeback of what they wrote may still be under way), so that each run starts level.
+void SettleFileSystem() {
+    const int fd = open(g_context.camera.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    syncfs(fd);
+    close(fd);
+}
+
 void BM_Flush(benchmark::State& state) {
     VxCamOfflineLogger* logger = g_context.logger;
     const char* line = g_context.line;
@@ -286,6 +295,7 @@ void BM_Flush(benchmark::State& state) {
     // one line then makes every later bucket fill to the byte before it is queued.
     logger->NotifyCameraClose();
     logger->AddLog(line, kLineLength);
+    SettleFileSystem();
     for (auto _ : state) {
         state.PauseTiming();
         for (unsigned i = 0; i < kLinesPerBucket * kFlushBatch; ++i) {
@@ -308,6 +318,7 @@ void BM_Fwrite(benchmark::State& state) {
         state.SkipWithError("cannot open a file in the camera folder");
         return;
     }
+    SettleFileSystem();
     for (auto _ : state) {
         state.PauseTiming();
         for (std::vector<char>& block : blocks) {
