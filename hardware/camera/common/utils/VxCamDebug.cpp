@@ -40,7 +40,7 @@ void RegisterForkHandler() {
 }
 
 // The parts of this thread's offline lines that change slower than the lines: the wall-clock
-// second ("MM-DD hh:mm:ss:") and the ids ("  pid   tid "). Each is formatted with the very
+// second ("MM-DD hh:mm:ss:") and the ids ("  %4d  %4d " of pid and tid). Each is formatted with the
 // conversions of the whole line, so a line assembled from them is the same text, byte for byte;
 // what a line saves is a local-time conversion, two system calls and most of a printf.
 struct OfflineLinePrefix {
@@ -99,15 +99,16 @@ void HandOffToOfflineLogger(const char* levelLetter, const char* message) {
         prefix.idsLength = length > 0 ? std::min<size_t>(length, sizeof(prefix.ids) - 1) : 0;
     }
     // "%09ld" of the nanoseconds, which clock_gettime keeps below a second.
-    char nanoseconds[16];
+    char nanoseconds[32];  // room for any long
     size_t nanosecondsLength = 9;
     if (now.tv_nsec >= 0 && now.tv_nsec < 1000000000L) {
         long value = now.tv_nsec;
         for (int i = 8; i >= 0; --i, value /= 10)
             nanoseconds[i] = static_cast<char>('0' + value % 10);
     } else {
-        nanosecondsLength = static_cast<size_t>(snprintf(nanoseconds, sizeof(nanoseconds), "%09ld",
-                                                         static_cast<long>(now.tv_nsec)));
+        const int length =
+                snprintf(nanoseconds, sizeof(nanoseconds), "%09ld", static_cast<long>(now.tv_nsec));
+        nanosecondsLength = length > 0 ? std::min<size_t>(length, sizeof(nanoseconds) - 1) : 0;
     }
     // "%s" prints a null string as "(null)".
     const char* letter = levelLetter != nullptr ? levelLetter : "(null)";
