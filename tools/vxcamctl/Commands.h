@@ -21,6 +21,9 @@ std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2))
 // the file is over 4 GiB (the library's lengths are 32-bit).
 bool ReadWholeFile(const char* command, const char* path, std::vector<uint8_t>* data);
 
+// "/data/vendor/camera" under $VXCAM_SYSROOT, as the library resolves it on a host.
+std::string CameraRoot();
+
 int RunSettings(int argc, char** argv);
 int RunSession(int argc, char** argv);
 int RunCrash(int argc, char** argv);

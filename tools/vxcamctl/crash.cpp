@@ -91,13 +91,6 @@ const Fault* FindFault(const char* text) {
     return nullptr;
 }
 
-std::string CameraRoot() {
-    const char* sysroot = getenv("VXCAM_SYSROOT");
-    std::string root = sysroot != nullptr ? sysroot : "";
-    while (!root.empty() && root.back() == '/') root.pop_back();
-    return root + "/data/vendor/camera";
-}
-
 std::set<std::string> Entries(const std::string& folder) {
     std::set<std::string> names;
     if (DIR* dir = opendir(folder.c_str())) {

@@ -92,6 +92,13 @@ __attribute__((section(".preinit_array"),
 
 namespace vxcamctl {
 
+std::string CameraRoot() {
+    const char* sysroot = getenv("VXCAM_SYSROOT");
+    std::string root = sysroot != nullptr ? sysroot : "";
+    while (!root.empty() && root.back() == '/') root.pop_back();
+    return root + "/data/vendor/camera";
+}
+
 std::string Format(const char* format, ...) {
     char text[512];
     va_list arguments;

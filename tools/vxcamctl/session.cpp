@@ -550,13 +550,6 @@ void PrintBench(const Options& options, const Library& library, const Run& run,
            writing > 0 ? static_cast<double>(bytes) / writing / 1e6 : 0.0, bytes, writing);
 }
 
-std::string CameraRoot() {
-    const char* sysroot = getenv("VXCAM_SYSROOT");
-    std::string root = sysroot != nullptr ? sysroot : "";
-    while (!root.empty() && root.back() == '/') root.pop_back();
-    return root + "/data/vendor/camera";
-}
-
 }  // namespace
 
 int RunSession(int argc, char** argv) {
