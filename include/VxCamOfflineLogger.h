@@ -248,7 +248,9 @@ class VXCAM_API VxCamOfflineLogger {
 // request for a stack dump, it writes the stack to the crash dump file only, notes the request and
 // passes it on. GetSettingLink registers the catcher once per process, when a logger with a
 // memory pool starts; the actions found then must be real handlers (on a device, the system crash
-// reporter's), since the catcher calls them as they stand.
+// reporter's), since the catcher calls them as they stand. Registering again keeps the actions
+// found the first time, and a second fault on a thread that is already reporting one goes straight
+// to the saved action.
 VXCAM_API void RegisterSignalHandlers();
 VXCAM_API void SignalCatcher(int sig, siginfo_t* info, void* context);
 // Calls `oldAction`'s three-argument handler when it has SA_SIGINFO, else its one-argument one.

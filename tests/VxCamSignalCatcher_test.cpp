@@ -8,6 +8,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <string.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -41,6 +42,22 @@ extern "C" int statvfs(const char* path, struct statvfs* out) {
     out->f_bsize = 1048576;
     out->f_bavail = static_cast<fsblkcnt_t>(freeMB);
     return 0;
+}
+
+namespace {
+std::atomic<int> g_faultOnLogOpen{0};  // a signal to raise when the flush opens a log file
+}  // namespace
+
+// A fault inside the crash flush, with the pool lock held.
+extern "C" FILE* fopen(const char* path, const char* mode) {
+    using Fopen = FILE* (*)(const char*, const char*);
+    static Fopen real = reinterpret_cast<Fopen>(dlsym(RTLD_NEXT, "fopen"));
+    const int sig = g_faultOnLogOpen.load();
+    if (sig != 0 && path != nullptr && strstr(path, "__Tid") != nullptr) {
+        g_faultOnLogOpen = 0;
+        syscall(SYS_tgkill, getpid(), gettid(), sig);
+    }
+    return real(path, mode);
 }
 
 namespace {
@@ -199,6 +216,43 @@ TEST(SignalCatcher, ReportsFlushesBacksUpAndChains) {
         if (!backup.empty()) {
             EXPECT_EQ(TextLogs(backup), logs);
         }
+    }
+}
+
+// A host that registers the catcher again, and a second fault while the first is being reported:
+// both still reach the handler that was there before, rather than looping or waiting for ever.
+TEST(SignalCatcher, RepeatedRegistrationAndNestedFaultsChain) {
+    for (const bool nested : {false, true}) {
+        SCOPED_TRACE(nested ? "abort inside the crash flush" : "registered twice");
+        vxcamtest::TempDir root;
+        fs::create_directories(root / "data/vendor/camera");
+        setenv("VXCAM_SYSROOT", root.Path().c_str(), 1);
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            alarm(30);  // a hang fails the test instead of stalling it
+            if (chdir(root.Path().c_str()) != 0) _exit(kChildFailed);
+            g_recordFd = open((root / "record").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            struct sigaction previous = {};
+            previous.sa_handler = PreviousPlain;
+            sigaction(SIGSEGV, &previous, nullptr);
+            sigaction(SIGABRT, &previous, nullptr);
+            VxCamOfflineLogger* text = VxCamOfflineLogger::GetInstance(OfflineLog);
+            if (VxCamOfflineLogger::GetInstance(CoredumpTxt)->GetSettingLink() != 1) {
+                _exit(kChildFailed);
+            }
+            RegisterSignalHandlers();
+            text->NotifyCameraOpen();
+            text->AddLog("a line\n", 7);
+            if (nested) g_faultOnLogOpen = SIGABRT;
+            syscall(SYS_tgkill, getpid(), gettid(), SIGSEGV);
+            _exit(kChildFailed);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status)) << "killed by " << WTERMSIG(status);
+        EXPECT_EQ(WEXITSTATUS(status), kChainedExit);
+        EXPECT_EQ(vxcamtest::ReadFile(root / "record"), nested ? "sig 6 plain" : "sig 11 plain");
     }
 }
 

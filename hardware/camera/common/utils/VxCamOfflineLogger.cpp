@@ -1484,6 +1484,12 @@ void RegisterSignalHandlersOnce() {
     if (!s_signalHandlersRegistered.exchange(true)) RegisterSignalHandlers();
 }
 
+void ReportAndFlush(int sig, siginfo_t* info);
+
+bool IsCatcher(const struct sigaction& action) {
+    return (action.sa_flags & SA_SIGINFO) != 0 && action.sa_sigaction == SignalCatcher;
+}
+
 struct sigaction* SavedAction(int sig) {
     for (size_t i = 0; i < kCaughtSignalCount; ++i) {
         if (kCaughtSignals[i].number == sig) return &s_oldSignalActions[i];
@@ -1494,17 +1500,23 @@ struct sigaction* SavedAction(int sig) {
 }  // namespace
 
 void RegisterSignalHandlers() {
-    // The new action keeps the flags and mask the platform gave SIGSEGV.
-    if (sigaction(SIGSEGV, nullptr, &s_oldSignalActions[0]) != 0) {
+    // A host that registers again must not save the catcher as its own predecessor: a crash
+    // would then call it for ever. The actions saved the first time are kept.
+    struct sigaction found = {};
+    if (sigaction(SIGSEGV, nullptr, &found) != 0) {
         OFFLINE_LOGE("Failed to get signal handler for SIGSEGV");
     }
-    struct sigaction catcher = s_oldSignalActions[0];
+    if (!IsCatcher(found)) s_oldSignalActions[0] = found;
+    // The new action keeps the flags and mask the platform gave SIGSEGV.
+    struct sigaction catcher = found;
     catcher.sa_sigaction = SignalCatcher;
     catcher.sa_flags |= SA_SIGINFO;
     for (size_t i = 0; i < kCaughtSignalCount; ++i) {
-        struct sigaction* previous = i == 0 ? nullptr : &s_oldSignalActions[i];
-        if (sigaction(kCaughtSignals[i].number, &catcher, previous) != 0) {
+        struct sigaction previous = {};
+        if (sigaction(kCaughtSignals[i].number, &catcher, &previous) != 0) {
             OFFLINE_LOGE("Failed to register signal handler for %s", kCaughtSignals[i].name);
+        } else if (i != 0 && !IsCatcher(previous)) {
+            s_oldSignalActions[i] = previous;
         }
     }
 }
@@ -1521,6 +1533,30 @@ void InvokeDefaultHndlr(struct sigaction* oldAction, int sig, siginfo_t* info, v
 // Runs on the faulting thread with the process in an unknown state. Every dump line is written
 // with its own open and close, so what reached the file survives a second fault.
 void SignalCatcher(int sig, siginfo_t* info, void* context) {
+    // A second fault while this thread is already reporting one (a corrupt heap that aborts inside
+    // the flush, say) goes straight on: reporting again could wait for ever on the pool lock that
+    // the first report holds.
+    thread_local bool t_reporting = false;
+    if (t_reporting) {
+        if (struct sigaction* previous = SavedAction(sig))
+            InvokeDefaultHndlr(previous, sig, info, context);
+        return;
+    }
+    t_reporting = true;
+    ReportAndFlush(sig, info);
+    t_reporting = false;
+
+    struct sigaction* previous = SavedAction(sig);
+    if (previous == nullptr) {
+        OFFLINE_LOGE("Signal %d received, No action matching", sig);
+        return;
+    }
+    InvokeDefaultHndlr(previous, sig, info, context);
+}
+
+namespace {
+
+void ReportAndFlush(int sig, siginfo_t* info) {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     tm localStorage = {};
@@ -1587,14 +1623,9 @@ void SignalCatcher(int sig, siginfo_t* info, void* context) {
             logger->FlushLogToFile(1, backup);
         }
     }
-
-    struct sigaction* previous = SavedAction(sig);
-    if (previous == nullptr) {
-        OFFLINE_LOGE("Signal %d received, No action matching", sig);
-        return;
-    }
-    InvokeDefaultHndlr(previous, sig, info, context);
 }
+
+}  // namespace
 
 // ---- Entry table --------------------------------------------------------------------------------
 // Invalid types reach no logger: the functions return 0 or do nothing.
