@@ -18,6 +18,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -106,10 +107,7 @@ std::string Numbered(char tag, int n) {
 }
 
 // The child: never returns.
-[[noreturn]] void RunChild(const CrashCase& c, const std::string& root) {
-    if (chdir(root.c_str()) != 0) _exit(kChildFailed);
-    g_recordFd = open((root + "/record").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (g_recordFd < 0) _exit(kChildFailed);
+[[noreturn]] void RunChild(const CrashCase& c) {
     struct sigaction previous = {};
     if (c.withInfo) {
         previous.sa_sigaction = PreviousWithInfo;
@@ -159,23 +157,41 @@ std::string TextLogs(const std::string& folder) {
     return text;
 }
 
+struct ChildEnd {
+    pid_t pid;
+    int exitCode;  // -1 when a signal ended it
+    int signal;
+};
+
+// Runs `body` in a forked child on a fresh sysroot `root`, from its folder; a child that returns
+// from `body`, or hangs, fails.
+ChildEnd InChild(const vxcamtest::TempDir& root, const std::function<void()>& body) {
+    fs::create_directories(root / "data/vendor/camera");
+    setenv("VXCAM_SYSROOT", root.Path().c_str(), 1);
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(30);
+        if (chdir(root.Path().c_str()) != 0) _exit(kChildFailed);
+        g_recordFd = open((root / "record").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        body();
+        _exit(kChildFailed);
+    }
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child) return {child, -1, 0};
+    return {child, WIFEXITED(status) ? WEXITSTATUS(status) : -1,
+            WIFSIGNALED(status) ? WTERMSIG(status) : 0};
+}
+
 TEST(SignalCatcher, ReportsFlushesBacksUpAndChains) {
     for (const CrashCase& c : kCases) {
         SCOPED_TRACE("signal " + std::to_string(c.sig) + (c.withInfo ? " siginfo" : " plain"));
         vxcamtest::TempDir root;
         const std::string camera = root / "data/vendor/camera";
-        fs::create_directories(camera);
-        setenv("VXCAM_SYSROOT", root.Path().c_str(), 1);
-        const pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) RunChild(c, root.Path());
-        int status = 0;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        ASSERT_TRUE(WIFEXITED(status)) << "killed by " << WTERMSIG(status);
+        const ChildEnd child = InChild(root, [&] { RunChild(c); });
         const bool debugger = c.sig == kDebuggerSignal;
         // A fatal signal reaches the previous handler, which ends the child; signal 35 returns to
         // the child, which then finds the tombstone flag set.
-        EXPECT_EQ(WEXITSTATUS(status), debugger ? 0 : kChainedExit);
+        ASSERT_EQ(child.exitCode, debugger ? 0 : kChainedExit) << "signal " << child.signal;
         const std::string expectedCall = "sig " + std::to_string(c.sig) +
                                          (c.withInfo ? " signo " + std::to_string(c.sig) + " code " +
                                                                std::to_string(SI_TKILL) + " context"
@@ -204,7 +220,7 @@ TEST(SignalCatcher, ReportsFlushesBacksUpAndChains) {
             const std::string signalLine = " F DEBUG   : signal " + std::to_string(c.sig) +
                                            ", code " + std::to_string(SI_TKILL) + ", fault addr ";
             EXPECT_NE(logs.find(signalLine), std::string::npos);
-            EXPECT_NE(logs.find(" F DEBUG   : pid: " + std::to_string(child) + ", tid: "),
+            EXPECT_NE(logs.find(" F DEBUG   : pid: " + std::to_string(child.pid) + ", tid: "),
                       std::string::npos);
             EXPECT_NE(logs.find(" F DEBUG   : #02 pc "), std::string::npos);
             // The crash header and stack follow the last line the thread logged.
@@ -225,33 +241,20 @@ TEST(SignalCatcher, RepeatedRegistrationAndNestedFaultsChain) {
     for (const bool nested : {false, true}) {
         SCOPED_TRACE(nested ? "abort inside the crash flush" : "registered twice");
         vxcamtest::TempDir root;
-        fs::create_directories(root / "data/vendor/camera");
-        setenv("VXCAM_SYSROOT", root.Path().c_str(), 1);
-        const pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            alarm(30);  // a hang fails the test instead of stalling it
-            if (chdir(root.Path().c_str()) != 0) _exit(kChildFailed);
-            g_recordFd = open((root / "record").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const ChildEnd child = InChild(root, [nested] {
             struct sigaction previous = {};
             previous.sa_handler = PreviousPlain;
             sigaction(SIGSEGV, &previous, nullptr);
             sigaction(SIGABRT, &previous, nullptr);
             VxCamOfflineLogger* text = VxCamOfflineLogger::GetInstance(OfflineLog);
-            if (VxCamOfflineLogger::GetInstance(CoredumpTxt)->GetSettingLink() != 1) {
-                _exit(kChildFailed);
-            }
+            if (VxCamOfflineLogger::GetInstance(CoredumpTxt)->GetSettingLink() != 1) return;
             RegisterSignalHandlers();
             text->NotifyCameraOpen();
             text->AddLog("a line\n", 7);
             if (nested) g_faultOnLogOpen = SIGABRT;
             syscall(SYS_tgkill, getpid(), gettid(), SIGSEGV);
-            _exit(kChildFailed);
-        }
-        int status = 0;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        ASSERT_TRUE(WIFEXITED(status)) << "killed by " << WTERMSIG(status);
-        EXPECT_EQ(WEXITSTATUS(status), kChainedExit);
+        });
+        EXPECT_EQ(child.exitCode, kChainedExit) << "signal " << child.signal;
         EXPECT_EQ(vxcamtest::ReadFile(root / "record"), nested ? "sig 6 plain" : "sig 11 plain");
     }
 }
@@ -259,27 +262,18 @@ TEST(SignalCatcher, RepeatedRegistrationAndNestedFaultsChain) {
 // A signal the catcher was not registered for is reported and not passed on.
 TEST(SignalCatcher, UnknownSignalIsNotChained) {
     vxcamtest::TempDir root;
-    fs::create_directories(root / "data/vendor/camera");
-    setenv("VXCAM_SYSROOT", root.Path().c_str(), 1);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    const ChildEnd child = InChild(root, [] {
         vxcamtest::LogCapture capture;
-        if (chdir(root.Path().c_str()) != 0) _exit(kChildFailed);
-        if (VxCamOfflineLogger::GetInstance(CoredumpTxt)->GetSettingLink() != 1)
-            _exit(kChildFailed);
+        if (VxCamOfflineLogger::GetInstance(CoredumpTxt)->GetSettingLink() != 1) return;
         siginfo_t info = {};
         info.si_signo = SIGUSR1;
         SignalCatcher(SIGUSR1, &info, nullptr);
-        _exit(capture.Has("SignalCatcher():") &&
-                              capture.Has("Signal 10 received, No action matching")
-                      ? 0
-                      : kChildFailed);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+        if (capture.Has("SignalCatcher():") &&
+            capture.Has("Signal 10 received, No action matching")) {
+            _exit(0);
+        }
+    });
+    EXPECT_EQ(child.exitCode, 0);
 }
 
 }  // namespace
