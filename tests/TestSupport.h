@@ -111,6 +111,12 @@ class TempDir {
         return file.string();
     }
 
+    // A device tree with the camera folder, optionally with offline logging switched on.
+    void MakeCameraRoot(bool offlineLog = false) const {
+        Write("data/vendor/camera/.keep", "");
+        if (offlineLog) Write("vendor/build.prop", "vendor.camera.vcf.LogOfflineEnable=1\n");
+    }
+
   private:
     std::string m_path;
 };

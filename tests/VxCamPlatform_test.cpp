@@ -216,7 +216,7 @@ TEST(Platform, SystemQueriesFencesAndTheMetadataFolder) {
     EXPECT_EQ(OsUtils::NativeFenceWait(fence[0], 0), 0);
 
     vxcamtest::TempDir sysroot;
-    sysroot.Write("data/vendor/camera/.keep", "");
+    sysroot.MakeCameraRoot();
     const std::string saved = getenv("VXCAM_SYSROOT");
     setenv("VXCAM_SYSROOT", sysroot.Path().c_str(), 1);
     OsUtils::SetMetadataDumpDirectoryPath();

@@ -167,8 +167,7 @@ TEST(VxcamctlLogcat, BadInput) {
 // lines in the order logged, and the stamped lines in time order.
 TEST(VxcamctlLogcat, ReadsWhatTheLibraryWrote) {
     TempDir sysroot;
-    sysroot.Write("data/vendor/camera/.keep", "");
-    sysroot.Write("vendor/build.prop", "vendor.camera.vcf.LogOfflineEnable=1\n");
+    sysroot.MakeCameraRoot(true);
     const ProcessResult session =
             RunVxcamctl({"session", "--sysroot", sysroot.Path(), "--threads", "3", "--lines",
                          "3000", "--sessions", "2", "--logsystem-every", "3"});

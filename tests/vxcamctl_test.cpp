@@ -124,8 +124,7 @@ TEST(VxcamctlSession, AccountsForEveryLine) {
     for (bool membarrier : {true, false}) {
         SCOPED_TRACE(membarrier ? "with membarrier" : "without membarrier");
         TempDir sysroot;
-        sysroot.Write("data/vendor/camera/.keep", "");
-        sysroot.Write("vendor/build.prop", "vendor.camera.vcf.LogOfflineEnable=1\n");
+        sysroot.MakeCameraRoot(true);
         std::vector<std::string> arguments = {"session",
                                               "--sysroot",
                                               sysroot.Path(),
@@ -151,8 +150,7 @@ TEST(VxcamctlSession, AccountsForEveryLine) {
 // --bench times the run and still accounts for every line; the files are not listed.
 TEST(VxcamctlSession, BenchPrintsItsFigures) {
     TempDir sysroot;
-    sysroot.Write("data/vendor/camera/.keep", "");
-    sysroot.Write("vendor/build.prop", "vendor.camera.vcf.LogOfflineEnable=1\n");
+    sysroot.MakeCameraRoot(true);
     const ProcessResult result =
             RunVxcamctl({"session", "--sysroot", sysroot.Path(), "--threads", "2", "--lines",
                          "30000", "--sessions", "1", "--bench"});
@@ -168,7 +166,7 @@ TEST(VxcamctlSession, BenchPrintsItsFigures) {
 
 TEST(VxcamctlSession, ReportsLostLines) {
     TempDir sysroot;
-    sysroot.Write("data/vendor/camera/.keep", "");
+    sysroot.MakeCameraRoot();
     const ProcessResult result =
             RunVxcamctl({"session", "--sysroot", sysroot.Path(), "--library", LOSSY_ENTRY_LIBRARY,
                          "--threads", "2", "--lines", "500", "--sessions", "1"});
@@ -189,7 +187,7 @@ TEST(VxcamctlCrash, EverySignalLeavesItsArtefacts) {
     for (const char* name : {"SEGV", "ABRT", "BUS", "FPE", "ILL", "TRAP", "SYS", "35"}) {
         SCOPED_TRACE(name);
         TempDir sysroot;
-        sysroot.Write("data/vendor/camera/.keep", "");
+        sysroot.MakeCameraRoot();
         const ProcessResult result = vxcamtest::RunProcess(
                 {vxcamtest::Vxcamctl(), "crash", "--signal", name, "--threads", "3", "--lines",
                  "300", "--sysroot", sysroot.Path()},
