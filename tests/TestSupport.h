@@ -15,6 +15,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -196,6 +197,34 @@ inline ProcessResult RunProcess(const std::vector<std::string>& argv,
     if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
     if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
     return result;
+}
+
+struct ChildEnd {
+    pid_t pid;
+    int exitCode;  // -1 when a signal ended it
+    int signal;
+};
+
+// Exit status of a child that returned from its body instead of ending itself.
+constexpr int kChildReturned = 3;
+
+// Runs `body` in a forked child on a fresh sysroot `root` (its camera folder made), from the
+// sysroot's folder; a child that returns from `body` exits with kChildReturned, one that hangs is
+// ended by SIGALRM after 30 s.
+inline ChildEnd RunInChild(const TempDir& root, const std::function<void()>& body) {
+    std::filesystem::create_directories(root / "data/vendor/camera");
+    setenv("VXCAM_SYSROOT", root.Path().c_str(), 1);
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(30);
+        if (chdir(root.Path().c_str()) != 0) _exit(kChildReturned);
+        body();
+        _exit(kChildReturned);
+    }
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child) return {child, -1, 0};
+    return {child, WIFEXITED(status) ? WEXITSTATUS(status) : -1,
+            WIFSIGNALED(status) ? WTERMSIG(status) : 0};
 }
 
 inline std::string Vxcamctl() {

@@ -26,6 +26,7 @@
 
 #include <gtest/gtest.h>
 
+#include "TestLogger.h"
 #include "TestSupport.h"
 
 using namespace VxCam;
@@ -49,74 +50,9 @@ extern "C" FILE* fopen(const char* path, const char* mode) {
 
 namespace {
 
-constexpr const char kT1[] = "2026-11-21--10-00-00-000001";
-
-// Constructed before the logger, which reads its configuration at once.
-struct ConfigHolder {
-    OfflineLoggerConfigInfo m_config;
-};
-
-class TestLogger : private ConfigHolder, public VxCamOfflineLogger {
-  public:
-    TestLogger(OfflineLoggerType type, OfflineLoggerConfigInfo config)
-        : ConfigHolder{config}, VxCamOfflineLogger(type, &m_config) {}
-
-    using VxCamOfflineLogger::AllocateLogQueueMemPool;
-    using VxCamOfflineLogger::BackupRecentModifyLog;
-    using VxCamOfflineLogger::m_coredumpPath;
-    using VxCamOfflineLogger::m_fileNameList;
-    using VxCamOfflineLogger::m_fileNameSet;
-    using VxCamOfflineLogger::m_finishedThreadList;
-    using VxCamOfflineLogger::m_flushRequestIds;
-    using VxCamOfflineLogger::m_freeBucketIds;
-    using VxCamOfflineLogger::m_fwriteTimeAvgMs;
-    using VxCamOfflineLogger::m_memPool;
-    using VxCamOfflineLogger::m_multiPathCoredumpPath;
-    using VxCamOfflineLogger::m_perLogInfoPool;
-    using VxCamOfflineLogger::m_recycleList;
-    using VxCamOfflineLogger::m_removeFailCount;
-    using VxCamOfflineLogger::m_removeSuccessCount;
-    using VxCamOfflineLogger::m_sessionCount;
-    using VxCamOfflineLogger::m_sessionFolderName;
-    using VxCamOfflineLogger::m_totalFlushSizeMB;
-    using VxCamOfflineLogger::m_triggerOperation;
-    using VxCamOfflineLogger::MonitorFileSystemHealth;
-    using VxCamOfflineLogger::SetAllToDefaultValue;
-
-    double GetAvailableSpace(const char* path) override {
-        return m_freeMB < 0 ? VxCamOfflineLogger::GetAvailableSpace(path) : m_freeMB;
-    }
-    std::string GetCurrentTime() override { return kT1; }
-    void RequestFlushLogQueue(int registerId, int lastFlag) override {
-        {
-            std::lock_guard<std::mutex> lock(m_callsMutex);
-            m_flushCalls.push_back({registerId, lastFlag});
-        }
-        VxCamOfflineLogger::RequestFlushLogQueue(registerId, lastFlag);
-    }
-
-    std::vector<std::pair<int, int>> FlushCalls() {
-        std::lock_guard<std::mutex> lock(m_callsMutex);
-        return m_flushCalls;
-    }
-    uint32_t Session() const { return m_sessionCount.load(); }
-
-    double m_freeMB = 100000.0;
-
-  private:
-    std::mutex m_callsMutex;
-    std::vector<std::pair<int, int>> m_flushCalls;
-};
-
-// Runs `body` on a new thread and returns that thread's kernel id.
-pid_t OnNewThread(const std::function<void()>& body) {
-    pid_t tid = 0;
-    std::thread([&] {
-        tid = gettid();
-        body();
-    }).join();
-    return tid;
-}
+using vxcamtest::kT1;
+using vxcamtest::OnNewThread;
+using vxcamtest::TestLogger;
 
 std::string Line(const char* tag, int n, size_t width = 16) {
     std::string line = std::string(tag) + "-" + std::to_string(n);

@@ -65,7 +65,7 @@ namespace {
 
 constexpr int kDebuggerSignal = 35;
 constexpr int kChainedExit = 42;  // the previous handler ran and ended the child
-constexpr int kChildFailed = 3;
+constexpr int kChildFailed = vxcamtest::kChildReturned;
 
 void NoteCall(const std::string& text) {
     if (write(g_recordFd, text.data(), text.size()) < 0) _exit(kChildFailed);
@@ -157,29 +157,15 @@ std::string TextLogs(const std::string& folder) {
     return text;
 }
 
-struct ChildEnd {
-    pid_t pid;
-    int exitCode;  // -1 when a signal ended it
-    int signal;
-};
+using vxcamtest::ChildEnd;
 
-// Runs `body` in a forked child on a fresh sysroot `root`, from its folder; a child that returns
-// from `body`, or hangs, fails.
+// Runs `body` in a forked child on a fresh sysroot `root`, its calls to the previous handlers
+// noted in the file "record" there.
 ChildEnd InChild(const vxcamtest::TempDir& root, const std::function<void()>& body) {
-    fs::create_directories(root / "data/vendor/camera");
-    setenv("VXCAM_SYSROOT", root.Path().c_str(), 1);
-    const pid_t child = fork();
-    if (child == 0) {
-        alarm(30);
-        if (chdir(root.Path().c_str()) != 0) _exit(kChildFailed);
+    return vxcamtest::RunInChild(root, [&] {
         g_recordFd = open((root / "record").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         body();
-        _exit(kChildFailed);
-    }
-    int status = 0;
-    if (child < 0 || waitpid(child, &status, 0) != child) return {child, -1, 0};
-    return {child, WIFEXITED(status) ? WEXITSTATUS(status) : -1,
-            WIFSIGNALED(status) ? WTERMSIG(status) : 0};
+    });
 }
 
 TEST(SignalCatcher, ReportsFlushesBacksUpAndChains) {
