@@ -1081,9 +1081,12 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
                     continue;
                 }
                 const bool bucketKnown = info.bucketId < m_memPool.size();
+                int writeError = 0;
                 if (bucketKnown) {
                     const auto writeStart = std::chrono::steady_clock::now();
-                    fwrite(m_memPool[info.bucketId], 1, info.logSize, file);
+                    errno = 0;
+                    if (fwrite(m_memPool[info.bucketId], 1, info.logSize, file) != info.logSize)
+                        writeError = errno != 0 ? errno : EIO;
                     MonitorFileSystemHealth(MillisecondsSince(writeStart));
                     // A normal flush returns a batch or more at once; keeping two batches ready
                     // feeds the threads when the next flush runs late.
@@ -1098,7 +1101,15 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
                 }
                 ++m_totalFlushCount;
                 m_totalFlushSizeMB += static_cast<float>(info.logSize) * kBytesToMB;
-                fclose(file);
+                errno = 0;
+                if (fclose(file) != 0 && writeError == 0) writeError = errno != 0 ? errno : EIO;
+                if (writeError != 0) {
+                    // A full disk: the text is lost and said to be. The bucket is recycled all
+                    // the same, since keeping it until there is room would let the pool grow
+                    // without bound while the disk stays full.
+                    OFFLINE_LOGE("Offlinelog failed to write %u bytes to %s: %s", info.logSize,
+                                 info.path.c_str(), strerror(writeError));
+                }
                 if (m_loggerType == OfflineLog) KeepThreadBookkeeping(info);
 
                 info.flushRequested = 0;
