@@ -1,6 +1,7 @@
 // The offline logger against the faults a device meets: a disk that fills during a flush, a
-// session folder or a log file that cannot be made, a file system that cannot be asked. Each case
-// checks what the library reports and that it keeps the lines it promises to keep.
+// session folder or a log file that cannot be made, a file system that cannot be asked, and
+// threads that end holding a bucket while the host flushes everything. Each case checks what the
+// library reports and that it keeps the lines it promises to keep.
 #include <errno.h>
 #include <sched.h>
 #include <string.h>
@@ -323,6 +324,94 @@ TEST_F(FaultInjection, FileSystemThatCannotBeAsked) {
     setenv("VXCAM_SYSROOT", m_root.Path().c_str(), 1);
     EXPECT_EQ(logger.FlushLogToFile(1, 0), 2);
     EXPECT_FALSE(fs::exists(Folder()));
+}
+
+// ---- Threads that end holding a bucket ----------------------------------------------------------
+
+// The host flushes everything in the middle of a session (flushLog(type, 1) of the entry table).
+// A thread that logs on goes on in its bucket from the start, and its exit hands the bucket over
+// once: no bucket or registration is free twice, so no two threads ever share one.
+TEST_F(FaultInjection, ThreadEndsAfterAFlushOfEverything) {
+    TestLogger logger(OfflineLog, {4, 4, 1, kBucket});
+    logger.NotifyCameraOpen();
+    std::promise<void> flushed;
+    pid_t tid = 0;
+    std::thread first([&] {
+        tid = gettid();
+        LogNumbered(logger, 0, 0, 3);
+        flushed.get_future().wait();
+        LogNumbered(logger, 0, 3, 3);
+    });
+    while (logger.m_perLogInfoPool.empty() || logger.m_perLogInfoPool[0].logSize < 3 * kLineLength)
+        std::this_thread::yield();
+    EXPECT_EQ(logger.FlushLogToFile(1, 0), 0);
+    flushed.set_value();
+    first.join();
+    EXPECT_EQ(logger.FlushLogToFile(0, 0), 0);
+    for (const std::deque<int>* ids : {&logger.m_freeBucketIds, &logger.m_freeRegisterIds}) {
+        EXPECT_EQ(std::set<int>(ids->begin(), ids->end()).size(), ids->size());
+    }
+    EXPECT_EQ(Seqs(ThreadText(Folder(), tid), 0), Range(0, 6));
+
+    // Two threads alive at once get buckets of their own.
+    std::promise<void> bothLogged;
+    std::shared_future<void> go = bothLogged.get_future().share();
+    std::atomic<int> ready{0};
+    pid_t tids[2] = {};
+    std::vector<std::thread> pair;
+    for (int t = 1; t <= 2; ++t) {
+        pair.emplace_back([&, t] {
+            tids[t - 1] = gettid();
+            LogNumbered(logger, t, 0, 20);
+            ++ready;
+            go.wait();
+        });
+    }
+    while (ready.load() < 2) std::this_thread::yield();
+    bothLogged.set_value();
+    for (std::thread& thread : pair) thread.join();
+    logger.NotifyCameraClose();
+    for (int t = 1; t <= 2; ++t) {
+        EXPECT_EQ(Seqs(ThreadText(Folder(), tids[t - 1]), t), Range(0, 20)) << "thread " << t;
+    }
+}
+
+// Eight slots of short-lived threads, each ending with a part-filled bucket, while the host
+// flushes everything and flushes as usual, over and over: every line lands once, in order.
+TEST_F(FaultInjection, ShortLivedThreadsWhileTheHostFlushesEverything) {
+    TestLogger logger(OfflineLog, {4, 4, 2, kBucket});
+    logger.NotifyCameraOpen();
+    constexpr int kSlots = 8;
+    constexpr int kThreadsPerSlot = 12;
+    constexpr int kLines = 150;
+    std::vector<std::vector<pid_t>> tids(kSlots);
+    std::atomic<int> running{kSlots};
+    std::vector<std::thread> slots;
+    for (int slot = 0; slot < kSlots; ++slot) {
+        slots.emplace_back([&, slot] {
+            for (int n = 0; n < kThreadsPerSlot; ++n) {
+                tids[slot].push_back(
+                        OnNewThread([&] { LogNumbered(logger, slot, n * kLines, kLines); }));
+            }
+            --running;
+        });
+    }
+    while (running.load() > 0) {
+        logger.FlushLogToFile(1, 0);
+        logger.FlushLogToFile(0, 0);
+    }
+    for (std::thread& slot : slots) slot.join();
+    logger.NotifyCameraClose();
+    for (int slot = 0; slot < kSlots; ++slot) {
+        std::vector<int> seqs;
+        for (pid_t tid : tids[slot]) {
+            const std::vector<int> own = Seqs(ThreadText(Folder(), tid), slot);
+            EXPECT_TRUE(std::is_sorted(own.begin(), own.end())) << "slot " << slot;
+            seqs.insert(seqs.end(), own.begin(), own.end());
+        }
+        std::sort(seqs.begin(), seqs.end());
+        EXPECT_EQ(seqs, Range(0, kThreadsPerSlot * kLines)) << "slot " << slot;
+    }
 }
 
 }  // namespace

@@ -22,6 +22,7 @@
 #include <chrono>
 #include <fstream>
 #include <new>
+#include <optional>
 #include <unordered_map>
 
 #include <VxCamPortPath.h>
@@ -167,6 +168,9 @@ class OfflineLoggerThreadLock {
         WaitUntilZero(m_countedReaders, holding && self.counted != 0 ? 1 : 0);
         ++self.depth;
     }
+
+    // Whether the calling thread holds the lock, shared or exclusively.
+    bool HeldByThisThread() const { return t_capture.lock.depth != 0; }
 
     void Unlock() {
         --t_capture.lock.depth;
@@ -792,7 +796,8 @@ int VxCamOfflineLogger::RegisterThread(unsigned int type) {
     t_logSize[type] = 0;
     t_segmentCnt[type] = 1;
     t_logCurPos[type] = 0;
-    t_flushDone[type] = 0;
+    // Flushes of everything before this registration wrote nothing of it.
+    t_flushDone[type] = m_sessionFlushState.load(std::memory_order_relaxed);
     t_queuePoolId[type] = RequestNewLogQueue(t_logBuffer[type], static_cast<unsigned int>(gettid()),
                                              static_cast<int>(t_segmentCnt[type]));
     return t_queuePoolId[type];
@@ -853,7 +858,7 @@ int VxCamOfflineLogger::AddLog(const char* log, unsigned int length) {
     const int32_t registerId = self.queuePoolId[type];
     if (self.sessionCnt[type] == m_sessionCount.load(std::memory_order_relaxed) &&
         bucket != nullptr &&
-        (self.flushDone[type] != 0 || m_sessionFlushState.load(std::memory_order_relaxed) == 0) &&
+        self.flushDone[type] == m_sessionFlushState.load(std::memory_order_relaxed) &&
         uint64_t{curPos} + length <= bucketSize && self.logSize[type] <= kSegmentLimit &&
         registerId >= 0 && registerId < m_registrationCount.load(std::memory_order_relaxed)) {
         memcpy(bucket + curPos, log, length);
@@ -871,7 +876,7 @@ int VxCamOfflineLogger::AddLog(const char* log, unsigned int length) {
         return 0;  // no bucket could be had in this session
     } else {
         const uint32_t flushState = m_sessionFlushState.load(std::memory_order_relaxed);
-        if (t_flushDone[type] == 0 && flushState != 0) {
+        if (t_flushDone[type] != flushState) {
             // A flush of every bucket has written this one out: start it over.
             t_flushDone[type] = flushState;
             t_logSize[type] = 0;
@@ -1025,6 +1030,11 @@ void VxCamOfflineLogger::KeepThreadBookkeeping(const PerLogThreadInfo& info) {
 }
 
 int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
+    // A flush of everything writes the buckets that threads are still filling: none may copy a
+    // line into one meanwhile. A camera close holds the capture off already; a host's own flush
+    // of everything, or the crash report, is held off here.
+    std::optional<ExclusiveHold> threads;
+    if (flushAll == 1 && !m_pThreadLock->HeldByThisThread()) threads.emplace(*m_pThreadLock);
     // Held from the start, not only while writing: the session prefix and the pool's size are
     // shared with concurrent flushes and with threads that grow the pool.
     std::unique_lock<std::mutex> lock(*m_pOfflineLoggerLock);
@@ -1033,7 +1043,9 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
     if (s_isInitValid.load() == 0) return 1;
     try {
         if (flushAll == 1) {
-            m_state.store(kStateClosing);
+            // The state is left alone: a camera close has marked the logger closing already, and
+            // a flush of everything outside one must not, or the close would skip its own flush
+            // and drop what is logged until then.
             for (size_t i = 0; i < m_perLogInfoPool.size(); ++i) {
                 m_flushRequestIds.push_back(static_cast<int>(i));
             }
@@ -1061,8 +1073,10 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
                     continue;
                 }
                 PerLogThreadInfo& info = m_perLogInfoPool[registerId];
-                const bool write = info.flushRequested == 1 ||
-                                   (info.flushRequested == 0 && flushAll == 1 && info.logSize != 0);
+                // Not handed over: written because everything is, while its thread still holds it.
+                const bool held = info.flushRequested == 0;
+                const bool write =
+                        info.flushRequested == 1 || (held && flushAll == 1 && info.logSize != 0);
                 if (!write) {
                     m_flushRequestIds.pop_front();
                     continue;
@@ -1112,6 +1126,13 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
                 }
                 if (m_loggerType == OfflineLog) KeepThreadBookkeeping(info);
 
+                if (held) {
+                    // Its thread goes on in it, from the start, when it notices this flush; the
+                    // thread's exit or a full bucket hands it over later.
+                    info.logSize = 0;
+                    m_flushRequestIds.pop_front();
+                    continue;
+                }
                 info.flushRequested = 0;
                 info.fileNameReady = 0;
                 info.logSize = 0;
@@ -1131,7 +1152,9 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
         }
         if (flushAll == 1) {
             m_threadRegisterMap.clear();
-            m_sessionFlushState.store(1);
+            // Counts the flushes of everything in the session, so that threads notice each one.
+            const uint32_t flushState = m_sessionFlushState.load() + 1;
+            m_sessionFlushState.store(flushState != 0 ? flushState : 1);
             for (const PerLogThreadInfo& copy : m_flushedThreadList) {
                 m_recycleList.push_back(RecycleItemInfo{copy.sessionCnt, copy.segmentCnt,
                                                         copy.fileSize, copy.path});
