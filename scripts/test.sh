@@ -1,13 +1,22 @@
 #!/usr/bin/env bash
 # The test command: installs what is missing, builds, and runs every test twice: once in a plain
-# build, once under AddressSanitizer and UndefinedBehaviorSanitizer. Any failure or sanitizer
-# report fails the run.
+# build, once under AddressSanitizer and UndefinedBehaviorSanitizer; a short soak of vxcamctl
+# session on the plain build; the offline logger's threads under ThreadSanitizer. Any failure or
+# sanitizer report fails the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 ./scripts/install-deps.sh
 
 jobs=$(nproc)
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+# A camera sysroot with offline logging on, for the vxcamctl runs below.
+camera_root() {
+    mkdir -p "$scratch/$1/data/vendor/camera" "$scratch/$1/vendor"
+    echo "vendor.camera.vcf.LogOfflineEnable=1" >"$scratch/$1/vendor/build.prop"
+    echo "$scratch/$1"
+}
 
 echo "== build"
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
@@ -17,6 +26,9 @@ ctest --test-dir build --output-on-failure -j"$jobs"
 echo "== benchmarks: a smoke run (the figures come from a run by hand, see the README)"
 build/bench/VxCamOfflineLogger_bench --benchmark_filter='FilteredMessage|LogSystem' \
     --benchmark_min_time=0.01 --benchmark_repetitions=1 >/dev/null
+echo "== soak: 35 s of camera sessions whose threads come and go, every line checked, memory sampled"
+ANDROID_LOG_TAGS='*:s' build/tools/vxcamctl session --sysroot "$(camera_root soak)" --threads 8 \
+    --lines 2000 --duration 35 --close-while-logging
 
 echo "== build with AddressSanitizer and UndefinedBehaviorSanitizer"
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DVXCAM_SANITIZE=address,undefined >/dev/null
@@ -28,19 +40,17 @@ UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 
 echo "== build with ThreadSanitizer (the offline logger and its tool)"
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DVXCAM_SANITIZE=thread >/dev/null
-cmake --build build-tsan -j"$jobs" --target VxCamOfflineLogger_test vxcamctl
-echo "== offline logger tests under ThreadSanitizer"
+cmake --build build-tsan -j"$jobs" --target VxCamOfflineLogger_test VxCamFaultInjection_test vxcamctl
+echo "== offline logger tests under ThreadSanitizer, with the fault cases of threads and flushes"
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-    ctest --test-dir build-tsan --output-on-failure -j"$jobs" -R '^VxCamOfflineLogger_test\.'
+    ctest --test-dir build-tsan --output-on-failure -j"$jobs" \
+    -R '^(VxCamOfflineLogger_test\.|VxCamFaultInjection_test\.FaultInjection\.(ThreadEnds|ShortLived))'
 echo "== vxcamctl session under ThreadSanitizer: closes while 8 threads log"
-tsan_root=$(mktemp -d)
-trap 'rm -rf "$tsan_root"' EXIT
-mkdir -p "$tsan_root/data/vendor/camera" "$tsan_root/vendor"
-echo "vendor.camera.vcf.LogOfflineEnable=1" >"$tsan_root/vendor/build.prop"
+tsan_root=$(camera_root tsan)
 TSAN_OPTIONS=halt_on_error=1 ANDROID_LOG_TAGS='*:s' \
     build-tsan/tools/vxcamctl session --sysroot "$tsan_root" --threads 8 --lines 20000 \
-    --sessions 2 --close-while-logging --quiet | tail -2
+    --sessions 2 --close-while-logging --quiet | tail -3
 echo "== the same without membarrier: the capture lock's other handshake"
 TSAN_OPTIONS=halt_on_error=1 ANDROID_LOG_TAGS='*:s' \
     build-tsan/tools/vxcamctl session --sysroot "$tsan_root" --threads 8 --lines 20000 \
-    --sessions 2 --close-while-logging --no-membarrier --quiet | tail -2
+    --sessions 2 --close-while-logging --no-membarrier --quiet | tail -3

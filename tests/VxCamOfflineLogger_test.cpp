@@ -319,7 +319,8 @@ TEST_F(OfflineLoggerTest, BucketMemoryFollowsUse) {
 }
 
 // Eight threads log while the camera closes and reopens under them. Every line whose AddLog did
-// not overlap a close must land, once, in order, in its thread's file.
+// not overlap a close must land, once, in order, in its thread's file; every line that did not
+// land is one the library reported as skipped.
 TEST_F(OfflineLoggerTest, CloseWhileThreadsLog) {
     TestLogger logger(OfflineLog, {4, 4, 2, 4096});
     std::atomic<uint32_t> closeEpoch{0};  // odd while a close runs
@@ -361,28 +362,40 @@ TEST_F(OfflineLoggerTest, CloseWhileThreadsLog) {
         std::istringstream text(vxcamtest::ReadFile(entry.path().string()));
         std::string line;
         int owner = -1;
+        int previous = -1;
         while (std::getline(text, line)) {
             int t = -1, seq = -1;
             ASSERT_EQ(sscanf(line.c_str(), "t%d s%d", &t, &seq), 2) << "torn line: " << line;
             ASSERT_TRUE(t >= 0 && t < kThreads);
             if (owner < 0) owner = t;
             ASSERT_EQ(t, owner) << "two threads in one file";
+            EXPECT_GT(seq, previous) << "out of order in " << entry.path();
+            previous = seq;
             landed[t].push_back(seq);
         }
     }
+    size_t missing = 0;
     for (int t = 0; t < kThreads; ++t) {
         std::sort(landed[t].begin(), landed[t].end());
         EXPECT_EQ(std::adjacent_find(landed[t].begin(), landed[t].end()), landed[t].end())
                 << "a line landed twice";
         size_t lost = 0;
         for (int seq = 0; seq < logged[t]; ++seq) {
-            if (!std::binary_search(landed[t].begin(), landed[t].end(), seq) &&
-                !std::binary_search(mayDrop[t].begin(), mayDrop[t].end(), seq)) {
-                ++lost;
-            }
+            if (std::binary_search(landed[t].begin(), landed[t].end(), seq)) continue;
+            ++missing;
+            if (!std::binary_search(mayDrop[t].begin(), mayDrop[t].end(), seq)) ++lost;
         }
         EXPECT_EQ(lost, 0u) << "thread " << t << " of " << logged[t] << " lines";
     }
+    const std::regex skipped(
+            "AddLog\\(\\):\\d+ VxCamOfflineLogger: Please note log is skipped due to camera "
+            "is closing\n");
+    const auto messages = quiet.Messages();
+    EXPECT_EQ(static_cast<size_t>(std::count_if(
+                      messages.begin(), messages.end(),
+                      [&](const std::string& m) { return std::regex_match(m, skipped); })),
+              missing)
+            << "every line that did not land was reported as skipped";
 }
 
 TEST_F(OfflineLoggerTest, PoolGrowsByStepAndReusesIdsInOrder) {

@@ -1,6 +1,7 @@
 // vxcamctl as a user meets it: the override-file lint, help texts and errors.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -144,7 +145,34 @@ TEST(VxcamctlSession, AccountsForEveryLine) {
         EXPECT_NE(result.out.find("total: logged 18000, landed "), std::string::npos) << result.out;
         EXPECT_EQ(result.out.find("no debug-frame lines"), std::string::npos) << result.out;
         EXPECT_NE(result.out.find("__Tid"), std::string::npos) << result.out;
+        // "no loss" also means: as many lines dropped during the closes as the library reported.
+        EXPECT_NE(result.out.find("lines the library reported as skipped during a close: "),
+                  std::string::npos)
+                << result.out;
     }
+}
+
+// --duration: sessions of threads that come and go, each session checked after its close and
+// its files deleted, the resident memory printed second by second.
+TEST(VxcamctlSession, SoakChecksEachSessionAndPrintsTheMemoryCurve) {
+    TempDir sysroot;
+    sysroot.MakeCameraRoot(true);
+    const ProcessResult result =
+            RunVxcamctl({"session", "--sysroot", sysroot.Path(), "--threads", "4", "--lines", "500",
+                         "--duration", "3", "--close-while-logging"});
+    EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+    for (const char* text :
+         {"soak: 3 s of camera sessions of 2 s, 4 thread slots, 500 lines per thread",
+          "\nresident memory (VmRSS, MiB), one sample a second:\n     0 s  ", "\npool: ",
+          "lines the library reported as skipped during a close: ", "\nresult: no loss\n"}) {
+        EXPECT_NE(result.out.find(text), std::string::npos) << text << "\n" << result.out;
+    }
+    EXPECT_EQ(result.out.find("__Tid"), std::string::npos) << result.out;
+    std::vector<std::string> left;  // session folders, emptied as they were checked, then removed
+    for (const auto& entry : std::filesystem::directory_iterator(sysroot / "data/vendor/camera")) {
+        left.push_back(entry.path().filename().string());
+    }
+    EXPECT_EQ(left, std::vector<std::string>{".keep"});
 }
 
 // --bench times the run and still accounts for every line; the files are not listed.

@@ -17,6 +17,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <malloc.h>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -28,10 +29,10 @@
 #include <thread>
 #include <vector>
 
+#include <android/log.h>
+
 #include "Commands.h"
 #include "VxCamOfflineLogger.h"
-
-struct __android_log_message;  // only passed through
 
 namespace vxcamctl {
 
@@ -42,6 +43,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr OfflineLoggerType kTextLog = VxCam::OfflineLog;
 constexpr char kMarker[] = "vxs ";
+constexpr unsigned long kMaxLines = 1000000000ul;  // per thread (per slot in a soak)
 
 struct Options {
     unsigned threads = 4;
@@ -49,6 +51,7 @@ struct Options {
     unsigned length = 128;
     unsigned sessions = 2;
     unsigned logSystemEvery = 8;  // every n-th line through the debug frame; 0: none
+    unsigned duration = 0;        // seconds of soak; 0: K sessions instead
     bool closeWhileLogging = false;
     bool bench = false;
     bool androidLog = false;
@@ -88,7 +91,25 @@ void PrintSessionUsage(FILE* out) {
             "  --android-log          keep the Android log (stderr); by default it is silenced\n"
             "  --no-membarrier        run as on a kernel without membarrier: the library's\n"
             "                         capture then pays for its own barrier on every line\n"
-            "  --library PATH         the library to load (default: libvxcamcommonutils.so)\n");
+            "  --library PATH         the library to load (default: libvxcamcommonutils.so)\n"
+            "  --duration S           soak instead of K sessions: camera sessions of 2 s\n"
+            "                         for S seconds, in which each of the N threads is\n"
+            "                         replaced by a new one after its M lines (so that\n"
+            "                         registrations, buckets and the guards of ending\n"
+            "                         threads are recycled), with the host's retention\n"
+            "                         linked. After each close the session's lines are\n"
+            "                         checked and its files deleted. Resident memory\n"
+            "                         (VmRSS) is sampled every second and printed.\n"
+            "                         Exit status 1 on a lost line, or on growth: the\n"
+            "                         median of the last third of the samples may not\n"
+            "                         pass the median of the warm-up by more than 8 MiB.\n"
+            "                         The warm-up is the first 3 sessions, or the first\n"
+            "                         fifth of the run if longer: the pool and the\n"
+            "                         allocator's arenas reach their working size. Medians,\n"
+            "                         since a sample may catch a few 3 MiB buckets more in\n"
+            "                         flight; 8 MiB holds the retention records of the\n"
+            "                         2600 MB written between two retention passes (about\n"
+            "                         3 MiB), while a leak of 3 KiB a second fails an hour\n");
 }
 
 bool ParseNumber(const char* text, unsigned long max, unsigned long* value) {
@@ -124,9 +145,20 @@ struct Library {
     VxCam::OfflineLogEntryTable table = {};
     LogSystemFn logSystem = nullptr;
     bool offlineEnabled = false;  // the debug frame hands its lines to the offline logger
+    bool countsSkips = false;     // the Android log goes to CountingLogger
 };
 
-void NullLogger(const struct __android_log_message*) {}
+// Lines the library said it skipped because a camera close was under way: each is one line
+// dropped, and every line dropped during a close must be one of them.
+std::atomic<unsigned long> s_skipReports{0};
+
+// Keeps the Android log quiet, counting the skip reports.
+void CountingLogger(const struct __android_log_message* message) {
+    if (message->message != nullptr &&
+        strstr(message->message, "log is skipped due to camera is closing") != nullptr) {
+        s_skipReports.fetch_add(1, std::memory_order_relaxed);
+    }
+}
 
 bool LoadLibrary(const Options& options, Library* library) {
     void* handle = dlopen(options.library.c_str(), RTLD_NOW);
@@ -161,7 +193,10 @@ bool LoadLibrary(const Options& options, Library* library) {
         using SetLogger = void (*)(void (*)(const struct __android_log_message*));
         auto setLogger =
                 reinterpret_cast<SetLogger>(dlsym(RTLD_DEFAULT, "__android_log_set_logger"));
-        if (setLogger != nullptr) setLogger(NullLogger);
+        if (setLogger != nullptr) {
+            setLogger(CountingLogger);
+            library->countsSkips = true;
+        }
     }
     return true;
 }
@@ -225,6 +260,17 @@ class FlushThread {
         m_thread.join();
         s_current = nullptr;
     }
+    // The host's retention, asked for by the library (with its pool lock held) once the logs
+    // written pass its threshold: run on the flush thread too.
+    static void Cleanup(OfflineLoggerType type) {
+        FlushThread* self = s_current;
+        if (self == nullptr || type != kTextLog) return;
+        {
+            std::lock_guard<std::mutex> lock(self->m_mutex);
+            self->m_cleanup = true;
+        }
+        self->m_wake.notify_one();
+    }
     static void Trigger(OfflineLoggerType type) {
         FlushThread* self = s_current;
         if (self == nullptr || type != kTextLog) return;
@@ -239,21 +285,31 @@ class FlushThread {
         self->m_wake.notify_one();
     }
     unsigned long Flushes() const { return m_flushes.load(); }
+    unsigned long Cleanups() const { return m_cleanups.load(); }
     double FlushSeconds() const { return m_flushSeconds; }  // once stopped
 
   private:
     void Run() {
         std::unique_lock<std::mutex> lock(m_mutex);
         for (;;) {
-            m_wake.wait(lock, [this] { return m_stop || m_pending > 0; });
-            if (m_pending == 0 && m_stop) return;
+            m_wake.wait(lock, [this] { return m_stop || m_pending > 0 || m_cleanup; });
+            if (m_pending == 0 && !m_cleanup && m_stop) return;
+            const bool flush = m_pending > 0;
+            const bool cleanup = m_cleanup;
             m_pending = 0;
+            m_cleanup = false;
             lock.unlock();
-            const auto start = Clock::now();
-            m_table.flushLog(kTextLog, 0);
-            m_flushSeconds += std::chrono::duration<double>(Clock::now() - start).count();
-            m_watch->Note(PoolPeek::Read());
-            ++m_flushes;
+            if (flush) {
+                const auto start = Clock::now();
+                m_table.flushLog(kTextLog, 0);
+                m_flushSeconds += std::chrono::duration<double>(Clock::now() - start).count();
+                m_watch->Note(PoolPeek::Read());
+                ++m_flushes;
+            }
+            if (cleanup) {
+                m_table.cleanupOlderLogFile(kTextLog);
+                ++m_cleanups;
+            }
             lock.lock();
         }
     }
@@ -265,8 +321,10 @@ class FlushThread {
     std::mutex m_mutex;
     std::condition_variable m_wake;
     unsigned long m_pending = 0;
+    bool m_cleanup = false;
     bool m_stop = false;
     std::atomic<unsigned long> m_flushes{0};
+    std::atomic<unsigned long> m_cleanups{0};
     std::thread m_thread;
 };
 FlushThread* FlushThread::s_current = nullptr;
@@ -288,6 +346,7 @@ double ThreadCpuSeconds() {
 
 struct Run {
     std::vector<std::vector<ThreadRecord>> records;  // [session][thread]
+    unsigned firstSession = 1;                       // the number lines of records[0] carry
     std::atomic<unsigned long> progress{0};
     std::atomic<uint32_t> closeEpoch{0};  // odd while a camera close runs
     double loggingSeconds = 0;
@@ -314,7 +373,8 @@ void LogLinesForBench(const Options& options, const Library& library, unsigned s
     ThreadRecord& record = run->records[session][thread];
     constexpr size_t kDigits = 10;
     char head[64];
-    const int headLength = snprintf(head, sizeof(head), "%s%u %u ", kMarker, session + 1, thread);
+    const int headLength =
+            snprintf(head, sizeof(head), "%s%u %u ", kMarker, run->firstSession + session, thread);
     std::string line(head, static_cast<size_t>(headLength));
     const size_t number = line.size();
     line.append(kDigits, '0');
@@ -352,6 +412,7 @@ void LogLinesForBench(const Options& options, const Library& library, unsigned s
     record.mayDrop = std::move(mayDrop);
 }
 
+// Logs the next `options.lines` lines of `thread` in `session`, numbered on from its last.
 void LogLines(const Options& options, const Library& library, unsigned session, unsigned thread,
               Run* run) {
     if (options.bench) {
@@ -361,9 +422,11 @@ void LogLines(const Options& options, const Library& library, unsigned session, 
     ThreadRecord& record = run->records[session][thread];
     std::string line;
     line.reserve(options.length + 1);
-    for (unsigned long seq = 0; seq < options.lines; ++seq) {
+    const unsigned long first = record.logged;
+    for (unsigned long seq = first; seq < first + options.lines; ++seq) {
         char head[64];
-        snprintf(head, sizeof(head), "%s%u %u %lu ", kMarker, session + 1, thread, seq);
+        snprintf(head, sizeof(head), "%s%u %u %lu ", kMarker, run->firstSession + session, thread,
+                 seq);
         line.assign(head);
         const bool viaFrame = library.offlineEnabled && options.logSystemEvery != 0 &&
                               seq % options.logSystemEvery == 0;
@@ -426,8 +489,11 @@ std::set<std::string> SessionFolders(const std::string& camera) {
 }
 
 struct Landed {
-    std::map<std::pair<unsigned, unsigned>, std::vector<unsigned long>> seqs;  // (session, thread)
-    unsigned long foreign = 0;                                                 // not ours
+    // Per (session, thread), whether each sequence number landed: a bit a line, so that a soak's
+    // check costs little memory of its own.
+    std::map<std::pair<unsigned, unsigned>, std::vector<bool>> seqs;
+    unsigned long duplicates = 0;
+    unsigned long foreign = 0;  // not ours
     unsigned long outOfOrder = 0;
     unsigned long long bytes = 0;
     std::vector<std::pair<std::string, unsigned long long>> files;
@@ -459,7 +525,8 @@ void ReadBack(const std::string& camera, const std::set<std::string>& folders, L
                 unsigned session = 0, thread = 0;
                 unsigned long seq = 0;
                 if (marker == nullptr ||
-                    sscanf(marker + strlen(kMarker), "%u %u %lu", &session, &thread, &seq) != 3) {
+                    sscanf(marker + strlen(kMarker), "%u %u %lu", &session, &thread, &seq) != 3 ||
+                    seq > kMaxLines) {
                     ++landed->foreign;
                     continue;
                 }
@@ -469,7 +536,10 @@ void ReadBack(const std::string& camera, const std::set<std::string>& folders, L
                     ++landed->outOfOrder;
                 }
                 last[key] = static_cast<long>(seq);
-                landed->seqs[key].push_back(seq);
+                std::vector<bool>& bits = landed->seqs[key];
+                if (seq >= bits.size()) bits.resize(seq + 1);
+                if (bits[seq]) ++landed->duplicates;
+                bits[seq] = true;
             }
             free(line);
             fclose(in);
@@ -550,6 +620,245 @@ void PrintBench(const Options& options, const Library& library, const Run& run,
            writing > 0 ? static_cast<double>(bytes) / writing / 1e6 : 0.0, bytes, writing);
 }
 
+struct Tally {
+    unsigned long logged = 0;
+    unsigned long landed = 0;
+    unsigned long accepted = 0;  // dropped while a close was under way
+    unsigned long lost = 0;
+    unsigned long duplicates = 0;
+};
+
+// Per session and thread of `run`: the lines logged, landed, dropped while a close was under way
+// (accepted) and lost; a table row each when `print`.
+Tally Account(const Run& run, Landed* landed, bool print) {
+    Tally tally;
+    if (print) {
+        printf("\n%-8s %-7s %10s %10s %16s %8s\n", "session", "thread", "logged", "landed",
+               "dropped(close)", "lost");
+    }
+    for (unsigned s = 0; s < run.records.size(); ++s) {
+        for (unsigned t = 0; t < run.records[s].size(); ++t) {
+            const ThreadRecord& record = run.records[s][t];
+            const std::vector<bool>& seqs = landed->seqs[{run.firstSession + s, t}];
+            unsigned long unique = 0, accepted = 0, lost = 0;
+            for (unsigned long seq = 0; seq < record.logged; ++seq) {
+                if (seq < seqs.size() && seqs[seq]) {
+                    ++unique;
+                    continue;
+                }
+                if (std::binary_search(record.mayDrop.begin(), record.mayDrop.end(), seq)) {
+                    ++accepted;
+                } else {
+                    ++lost;
+                }
+            }
+            if (print) {
+                printf("%-8u %-7u %10lu %10lu %16lu %8lu\n", run.firstSession + s, t, record.logged,
+                       unique, accepted, lost);
+            }
+            tally.logged += record.logged;
+            tally.landed += unique;
+            tally.accepted += accepted;
+            tally.lost += lost;
+        }
+    }
+    tally.duplicates = landed->duplicates;
+    return tally;
+}
+
+// The totals and the verdict: true when no line was lost, duplicated or put out of order, and
+// every line dropped during a close was one the library reported as skipped.
+bool PrintTotals(const Library& library, const Tally& tally, const Landed& landed,
+                 unsigned long skipReports) {
+    printf("\ntotal: logged %lu, landed %lu, dropped during a close %lu (accepted), lost %lu, "
+           "duplicated %lu, out of order %lu, foreign lines %lu\n",
+           tally.logged, tally.landed, tally.accepted, tally.lost, tally.duplicates,
+           landed.outOfOrder, landed.foreign);
+    bool reported = true;
+    if (library.countsSkips) {
+        printf("lines the library reported as skipped during a close: %lu\n", skipReports);
+        reported = skipReports == tally.accepted;
+    }
+    const bool clean =
+            tally.lost == 0 && tally.duplicates == 0 && landed.outOfOrder == 0 && reported;
+    printf("%s\n", clean ? "result: no loss" : "result: LINES LOST OR DAMAGED");
+    return clean;
+}
+
+// ---- Soak ----------------------------------------------------------------------------------
+
+constexpr unsigned kSoakSessionSeconds = 2;
+constexpr unsigned kWarmUpSessions = 3;
+constexpr double kGrowthToleranceMiB = 8.0;
+
+// Resident memory (VmRSS, KiB) once a second, from construction until Stop.
+class MemorySampler {
+  public:
+    explicit MemorySampler(size_t expected) {
+        m_kib.reserve(expected);  // grows no more while it runs
+        m_thread = std::thread([this] { Run(); });
+    }
+    ~MemorySampler() { Stop(); }
+    void Stop() {
+        if (!m_thread.joinable()) return;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_stop = true;
+        }
+        m_wake.notify_one();
+        m_thread.join();
+    }
+    size_t Count() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_kib.size();
+    }
+    const std::vector<long>& Samples() const { return m_kib; }  // once stopped
+
+  private:
+    void Run() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        auto next = Clock::now();
+        do {
+            m_kib.push_back(StatusKiB("VmRSS"));
+            next += std::chrono::seconds(1);
+        } while (!m_wake.wait_until(lock, next, [this] { return m_stop; }));
+    }
+
+    std::vector<long> m_kib;
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    bool m_stop = false;
+    std::thread m_thread;
+};
+
+double MedianMiB(std::vector<long> kib) {
+    std::nth_element(kib.begin(), kib.begin() + static_cast<long>(kib.size() / 2), kib.end());
+    return static_cast<double>(kib[kib.size() / 2]) / 1024.0;
+}
+
+// The curve, ten samples to a row, and the verdict on growth after the warm-up. Medians, since
+// a single sample may catch a few buckets more in flight while the flush thread runs late.
+bool PrintMemoryCurve(const std::vector<long>& kib, size_t warmUp) {
+    printf("\nresident memory (VmRSS, MiB), one sample a second:\n");
+    for (size_t i = 0; i < kib.size(); ++i) {
+        if (i % 10 == 0) printf("%s%6zu s ", i == 0 ? "" : "\n", i);
+        printf(" %6.1f", static_cast<double>(kib[i]) / 1024.0);
+    }
+    printf("\n");
+    const size_t lastThird = kib.size() - kib.size() / 3;
+    if (warmUp == 0 || warmUp > lastThird || kib.size() < 3) {
+        printf("memory: the run is too short to look past its warm-up of %zu s\n", warmUp);
+        return true;
+    }
+    const double warm = MedianMiB({kib.begin(), kib.begin() + static_cast<long>(warmUp)});
+    const double late = MedianMiB({kib.begin() + static_cast<long>(lastThird), kib.end()});
+    const bool within = late - warm <= kGrowthToleranceMiB;
+    printf("memory: median %.1f MiB in the warm-up (the first %zu s), %.1f MiB in the last third: "
+           "grew %.1f MiB, at most %.0f MiB allowed: %s\n",
+           warm, warmUp, late, late - warm, kGrowthToleranceMiB, within ? "within" : "GROWING");
+    return within;
+}
+
+// --duration: camera sessions with threads that come and go, each session checked after its
+// close and its files deleted, until the time is up.
+int RunSoak(const Options& options, const Library& library, const std::string& camera) {
+    printf("soak: %u s of camera sessions of %u s, %u thread slots, %lu lines per thread%s\n",
+           options.duration, kSoakSessionSeconds, options.threads, options.lines,
+           options.closeWhileLogging ? ", a close half way through each session" : "");
+    fflush(stdout);
+    // A fixed threshold: the tool's own large vectors (the lines dropped in a close, the landed
+    // bits) then go back to the system when freed, rather than settle in the allocator's arenas
+    // as free memory that would blur the curve.
+    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+    MemorySampler memory(options.duration + 2 * kSoakSessionSeconds + 2);
+    PoolWatch pool;
+    FlushThread flusher(library.table, &pool);
+    library.table.linkFlushTrigger(kTextLog, FlushThread::Trigger);
+    library.table.setCleanupTrigger(kTextLog, FlushThread::Cleanup);
+    Tally total;
+    Landed damage;  // out of order and foreign lines of every session
+    std::atomic<unsigned long> threads{0};
+    unsigned sessions = 0;
+    size_t warmUp = std::max<size_t>(options.duration / 5, 1);
+    size_t warmPool = 0;
+    const std::set<std::string> before = SessionFolders(camera);
+    const auto start = Clock::now();
+    const auto end = start + std::chrono::seconds(options.duration);
+    while (Clock::now() < end) {
+        Run run;
+        run.firstSession = ++sessions;
+        run.records.assign(1, std::vector<ThreadRecord>(options.threads));
+        library.table.noticeCameraOpen(kTextLog);
+        const auto sessionEnd =
+                std::min(end, Clock::now() + std::chrono::seconds(kSoakSessionSeconds));
+        std::vector<std::thread> slots;
+        for (unsigned t = 0; t < options.threads; ++t) {
+            slots.emplace_back([&, t] {
+                // Each batch on a thread of its own, which ends holding a part-filled bucket.
+                do {
+                    std::thread(LogLines, std::cref(options), std::cref(library), 0u, t, &run).join();
+                    threads.fetch_add(1, std::memory_order_relaxed);
+                } while (Clock::now() < sessionEnd);
+            });
+        }
+        if (options.closeWhileLogging) {
+            std::this_thread::sleep_until(sessionEnd -
+                                          std::chrono::milliseconds(kSoakSessionSeconds * 500));
+            CloseCamera(library, &run);
+            library.table.noticeCameraOpen(kTextLog);
+        }
+        for (std::thread& slot : slots) slot.join();
+        CloseCamera(library, &run);
+        if (sessions == kWarmUpSessions) warmUp = std::max(warmUp, memory.Count());
+        if (memory.Count() <= warmUp) warmPool = PoolPeek::Read().buckets;
+
+        // The session's files, wherever they are: a flush that finds nothing to write may make
+        // the next session's folder before that session opens.
+        std::set<std::string> folders;
+        for (const std::string& folder : SessionFolders(camera)) {
+            if (before.count(folder) == 0) folders.insert(folder);
+        }
+        Landed landed;
+        ReadBack(camera, folders, &landed);
+        for (const auto& file : landed.files) unlink((camera + "/" + file.first).c_str());
+        const Tally tally = Account(run, &landed, false);
+        if (tally.lost != 0 || tally.duplicates != 0 || landed.outOfOrder != 0) {
+            printf("session %u: logged %lu, landed %lu, lost %lu, duplicated %lu, out of order "
+                   "%lu\n",
+                   sessions, tally.logged, tally.landed, tally.lost, tally.duplicates,
+                   landed.outOfOrder);
+        }
+        total.logged += tally.logged;
+        total.landed += tally.landed;
+        total.accepted += tally.accepted;
+        total.lost += tally.lost;
+        total.duplicates += tally.duplicates;
+        damage.outOfOrder += landed.outOfOrder;
+        damage.foreign += landed.foreign;
+    }
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    memory.Stop();
+    flusher.Stop();
+    // Emptied as they were checked; kept until now, since the library may still write into the
+    // newest one.
+    for (const std::string& folder : SessionFolders(camera)) {
+        if (before.count(folder) == 0) rmdir((camera + "/" + folder).c_str());
+    }
+
+    printf("%u sessions in %.1f s, %lu threads of %lu lines, %.0f lines/s; flushes run by the "
+           "trigger thread: %lu, retention passes: %lu\n",
+           sessions, seconds, threads.load(), options.lines,
+           seconds > 0 ? static_cast<double>(total.logged) / seconds : 0.0, flusher.Flushes(),
+           flusher.Cleanups());
+    const bool memoryFlat = PrintMemoryCurve(memory.Samples(), warmUp);
+    // Buckets nobody writes cost address space only, which resident memory does not show.
+    printf("pool: %zu buckets after the warm-up, %zu at the end (it grows when more are in flight "
+           "than ever before, and never shrinks)\n",
+           warmPool, PoolPeek::Read().buckets);
+    const bool clean = PrintTotals(library, total, damage, s_skipReports.load());
+    return clean && memoryFlat ? kExitOk : kExitFindings;
+}
+
 }  // namespace
 
 int RunSession(int argc, char** argv) {
@@ -574,7 +883,7 @@ int RunSession(int argc, char** argv) {
             if (!numeric(1024, 1)) return kExitUsage;
             options.threads = static_cast<unsigned>(number);
         } else if (strcmp(argument, "--lines") == 0) {
-            if (!numeric(1000000000ul, 0)) return kExitUsage;
+            if (!numeric(kMaxLines, 0)) return kExitUsage;
             options.lines = number;
         } else if (strcmp(argument, "--length") == 0) {
             if (!numeric(1000, 32)) return kExitUsage;
@@ -585,6 +894,9 @@ int RunSession(int argc, char** argv) {
         } else if (strcmp(argument, "--logsystem-every") == 0) {
             if (!numeric(1000000, 0)) return kExitUsage;
             options.logSystemEvery = static_cast<unsigned>(number);
+        } else if (strcmp(argument, "--duration") == 0) {
+            if (!numeric(7 * 24 * 3600, 1)) return kExitUsage;
+            options.duration = static_cast<unsigned>(number);
         } else if (strcmp(argument, "--close-while-logging") == 0) {
             options.closeWhileLogging = true;
         } else if (strcmp(argument, "--bench") == 0) {
@@ -608,6 +920,10 @@ int RunSession(int argc, char** argv) {
         }
     }
 
+    if (options.bench && options.duration != 0) {
+        fprintf(stderr, "vxcamctl session: --bench and --duration do not go together\n");
+        return kExitUsage;
+    }
     if (options.noMembarrier && !DenyMembarrier()) {
         fprintf(stderr, "vxcamctl session: cannot deny membarrier to this process: %s\n",
                 strerror(errno));
@@ -628,6 +944,7 @@ int RunSession(int argc, char** argv) {
         printf("note: GetSettingLink returned %d (under 3000 MB free in %s?); logging goes on\n",
                started, camera.c_str());
     }
+    if (options.duration != 0) return RunSoak(options, library, camera);
     Run run;
     run.records.assign(options.sessions, std::vector<ThreadRecord>(options.threads));
     std::atomic<bool> done{false};
@@ -697,41 +1014,8 @@ int RunSession(int argc, char** argv) {
     PrintMemory(idleKiB, peakKiB, run.pool);
     if (options.bench) PrintBench(options, library, run, landed.bytes, flushSeconds);
 
-    unsigned long lostTotal = 0, duplicates = 0, acceptedTotal = 0, landedTotal = 0;
-    printf("\n%-8s %-7s %10s %10s %16s %8s\n", "session", "thread", "logged", "landed",
-           "dropped(close)", "lost");
-    for (unsigned s = 0; s < options.sessions; ++s) {
-        for (unsigned t = 0; t < options.threads; ++t) {
-            const ThreadRecord& record = run.records[s][t];
-            std::vector<unsigned long> seqs = landed.seqs[{s + 1, t}];
-            std::sort(seqs.begin(), seqs.end());
-            const size_t unique =
-                    static_cast<size_t>(std::unique(seqs.begin(), seqs.end()) - seqs.begin());
-            duplicates += seqs.size() - unique;
-            seqs.resize(unique);
-            unsigned long accepted = 0, lost = 0;
-            for (unsigned long seq = 0; seq < record.logged; ++seq) {
-                if (std::binary_search(seqs.begin(), seqs.end(), seq)) continue;
-                if (std::binary_search(record.mayDrop.begin(), record.mayDrop.end(), seq)) {
-                    ++accepted;
-                } else {
-                    ++lost;
-                }
-            }
-            printf("%-8u %-7u %10lu %10zu %16lu %8lu\n", s + 1, t, record.logged, unique, accepted,
-                   lost);
-            lostTotal += lost;
-            acceptedTotal += accepted;
-            landedTotal += unique;
-        }
-    }
-    printf("\ntotal: logged %lu, landed %lu, dropped during a close %lu (accepted), lost %lu, "
-           "duplicated %lu, out of order %lu, foreign lines %lu\n",
-           total, landedTotal, acceptedTotal, lostTotal, duplicates, landed.outOfOrder,
-           landed.foreign);
-    const bool clean = lostTotal == 0 && duplicates == 0 && landed.outOfOrder == 0;
-    printf("%s\n", clean ? "result: no loss" : "result: LINES LOST OR DAMAGED");
-    return clean ? kExitOk : kExitFindings;
+    const Tally tally = Account(run, &landed, true);
+    return PrintTotals(library, tally, landed, s_skipReports.load()) ? kExitOk : kExitFindings;
 }
 
 }  // namespace vxcamctl
