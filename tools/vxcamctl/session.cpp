@@ -779,7 +779,7 @@ int RunSoak(const Options& options, const Library& library, const std::string& c
     Landed damage;  // out of order and foreign lines of every session
     std::atomic<unsigned long> threads{0};
     unsigned sessions = 0;
-    size_t warmUp = std::max<size_t>(options.duration / 5, 1);
+    size_t warmUp = options.duration / 5;  // in samples; raised at the end of the warm-up sessions
     size_t warmPool = 0;
     const std::set<std::string> before = SessionFolders(camera);
     const auto start = Clock::now();
@@ -809,8 +809,9 @@ int RunSoak(const Options& options, const Library& library, const std::string& c
         }
         for (std::thread& slot : slots) slot.join();
         CloseCamera(library, &run);
+        const bool warming = sessions <= kWarmUpSessions || memory.Count() <= warmUp;
+        if (warming) warmPool = PoolPeek::Read().buckets;
         if (sessions == kWarmUpSessions) warmUp = std::max(warmUp, memory.Count());
-        if (memory.Count() <= warmUp) warmPool = PoolPeek::Read().buckets;
 
         // The session's files, wherever they are: a flush that finds nothing to write may make
         // the next session's folder before that session opens.
@@ -838,6 +839,7 @@ int RunSoak(const Options& options, const Library& library, const std::string& c
     }
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     memory.Stop();
+    if (sessions < kWarmUpSessions) warmUp = memory.Samples().size();  // all of it
     flusher.Stop();
     // Emptied as they were checked; kept until now, since the library may still write into the
     // newest one.
