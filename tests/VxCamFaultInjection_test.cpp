@@ -334,16 +334,16 @@ TEST_F(FaultInjection, FileSystemThatCannotBeAsked) {
 TEST_F(FaultInjection, ThreadEndsAfterAFlushOfEverything) {
     TestLogger logger(OfflineLog, {4, 4, 1, kBucket});
     logger.NotifyCameraOpen();
-    std::promise<void> flushed;
+    std::promise<void> logged, flushed;
     pid_t tid = 0;
     std::thread first([&] {
         tid = gettid();
         LogNumbered(logger, 0, 0, 3);
+        logged.set_value();
         flushed.get_future().wait();
         LogNumbered(logger, 0, 3, 3);
     });
-    while (logger.m_perLogInfoPool.empty() || logger.m_perLogInfoPool[0].logSize < 3 * kLineLength)
-        std::this_thread::yield();
+    logged.get_future().wait();
     EXPECT_EQ(logger.FlushLogToFile(1, 0), 0);
     flushed.set_value();
     first.join();
