@@ -198,6 +198,8 @@ inline ProcessResult RunProcess(const std::vector<std::string>& argv,
     return result;
 }
 
+// Only where the build has vxcamctl (VXCAM_BUILD_TOOLS).
+#ifdef VXCAMCTL_PATH
 inline std::string Vxcamctl() {
     return VXCAMCTL_PATH;
 }
@@ -210,6 +212,7 @@ inline ProcessResult RunVxcamctl(const std::vector<std::string>& arguments,
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     return RunProcess(argv, {{"ANDROID_LOG_TAGS", logTags}});
 }
+#endif
 
 }  // namespace vxcamtest
 
