@@ -21,9 +21,10 @@ if [ ! -e "$binfmt/qemu-aarch64" ] && [ "$(id -u)" -eq 0 ]; then
     # ELF, 64-bit, little-endian, executable or shared object, machine 183 (AArch64).
     magic='\x7fELF\x02\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\xb7\x00'
     mask='\xff\xff\xff\xff\xff\xff\xff\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff'
-    [ -e "$binfmt/register" ] &&
+    if [ -e "$binfmt/register" ]; then
         printf ':qemu-aarch64:M::%s:%s:%s:' "$magic" "$mask" "$(command -v qemu-aarch64)" \
             >"$binfmt/register" 2>/dev/null || true
+    fi
 fi
 
 tools=ON
@@ -34,7 +35,7 @@ excluded=(
     'installed_package'
 )
 if ! can_exec_aarch64; then
-    echo "cross-aarch64: binfmt_misc has no enabled qemu-aarch64 entry: vxcamctl and its tests are left out"
+    echo "cross-aarch64: binfmt_misc cannot run aarch64 programs: vxcamctl and its tests left out"
     tools=OFF
     excluded+=(
         # Re-executes its own binary (a threadsafe death test).

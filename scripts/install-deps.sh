@@ -11,7 +11,8 @@ case "${1:-}" in
             zlib1g-dev libunwind-dev
             libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
             python3
-            clang libclang-rt-dev llvm  # the fuzzers: libFuzzer, and llvm-symbolizer for their reports
+            # the fuzzers: libFuzzer, and llvm-symbolizer for their reports
+            clang libclang-rt-dev llvm
         )
         ;;
     aarch64)
