@@ -1,13 +1,36 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, and only those that are missing.
+#   install-deps.sh           the native build, its tests and benchmarks
+#   install-deps.sh aarch64   the 64-bit Arm cross build and qemu-user (scripts/cross-aarch64.sh)
 set -euo pipefail
 
-packages=(
-    cmake make g++ pkg-config git clang-format
-    zlib1g-dev libunwind-dev
-    libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
-    python3
-)
+case "${1:-}" in
+    "")
+        packages=(
+            cmake make g++ pkg-config git clang-format
+            zlib1g-dev libunwind-dev
+            libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
+            python3
+            # the fuzzers: libFuzzer, and llvm-symbolizer for their reports
+            clang libclang-rt-dev llvm
+        )
+        ;;
+    aarch64)
+        # The cross compiler, qemu, and the target's libraries from Debian's arm64 archive beside
+        # the build machine's (multiarch). Programs run under qemu on the arm64 runtime
+        # (libc6:arm64, libstdc++6:arm64), whose versions apt keeps equal to the native ones.
+        packages=(
+            cmake make pkg-config python3
+            g++-aarch64-linux-gnu qemu-user
+            libstdc++6:arm64 zlib1g-dev:arm64 libunwind-dev:arm64
+            libgtest-dev:arm64 libgmock-dev:arm64
+        )
+        ;;
+    *)
+        echo "usage: $0 [aarch64]" >&2
+        exit 2
+        ;;
+esac
 
 missing=()
 for package in "${packages[@]}"; do
@@ -23,5 +46,8 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 echo "install-deps: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
+if [ "${1:-}" = aarch64 ] && ! dpkg --print-foreign-architectures | grep -qx arm64; then
+    dpkg --add-architecture arm64
+fi
 apt-get update -qq
 apt-get install -y -qq --no-install-recommends "${missing[@]}"

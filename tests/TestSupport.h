@@ -227,6 +227,8 @@ inline ChildEnd RunInChild(const TempDir& root, const std::function<void()>& bod
             WIFSIGNALED(status) ? WTERMSIG(status) : 0};
 }
 
+// Only where the build has vxcamctl (VXCAM_BUILD_TOOLS).
+#ifdef VXCAMCTL_PATH
 inline std::string Vxcamctl() {
     return VXCAMCTL_PATH;
 }
@@ -239,6 +241,7 @@ inline ProcessResult RunVxcamctl(const std::vector<std::string>& arguments,
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     return RunProcess(argv, {{"ANDROID_LOG_TAGS", logTags}});
 }
+#endif
 
 }  // namespace vxcamtest
 

@@ -141,9 +141,12 @@ void VisitCameraPositions(const std::string& text, Visit visit) {
 }
 
 // Library-internal: the loader's steps, exposed for the fuzzer and tests that drive them on rows
-// of their own.
+// of their own. ApplyOverrideFile reads one open override file into the rows, line by line;
+// ParseCameraPositions reads a "CameraPosition" list into the kCameraPositionCount slots of its
+// buffer and leaves the slots after the last value as they were.
 void FillSettingDefaults(SettingValue* rows);
 void ApplyOverrideFile(FILE* file, SettingValue* rows);
+void ParseCameraPositions(const std::string& text, int32_t* slots);
 
 }  // namespace VxCam
 

@@ -149,29 +149,6 @@ void OverlayProperty(SettingValue& row) {
     LogEffectiveValue(row);
 }
 
-// "CameraPosition" is a comma-separated list of signed numbers, stored as eight int32_t.
-void ParseCameraPositions(const std::string& text, int32_t* slots) {
-    size_t count = 0;
-    VisitCameraPositions(text, [&](const std::string& piece, long number, bool isNumber) {
-        if (count == kCameraPositionCount) {
-            __android_log_print(ANDROID_LOG_WARN, kTag,
-                                "%s():%d %s lists more than %zu values; the rest are ignored\n",
-                                "LoadOverrideSettings", __LINE__, kCameraPositionName,
-                                kCameraPositionCount);
-            return false;
-        }
-        if (!isNumber) {
-            __android_log_print(
-                    ANDROID_LOG_ERROR, kTag,
-                    "%s():%d %s value \"%s\" is not a number; the list ends before it\n",
-                    "LoadOverrideSettings", __LINE__, kCameraPositionName, piece.c_str());
-            return false;
-        }
-        slots[count++] = static_cast<int32_t>(number);
-        return true;
-    });
-}
-
 // The maker's feature switches change built-in defaults before the file and properties do.
 void ApplyFeatureOverlay() {
     SettingValue overlay[kOverlayRowCount] = {};
@@ -217,6 +194,28 @@ void FillSettingDefaults(SettingValue* rows) {
         row.stringValue = entry.text;
         row.isCustom = entry.isCustom;
     }
+}
+
+void ParseCameraPositions(const std::string& text, int32_t* slots) {
+    size_t count = 0;
+    VisitCameraPositions(text, [&](const std::string& piece, long number, bool isNumber) {
+        if (count == kCameraPositionCount) {
+            __android_log_print(ANDROID_LOG_WARN, kTag,
+                                "%s():%d %s lists more than %zu values; the rest are ignored\n",
+                                "LoadOverrideSettings", __LINE__, kCameraPositionName,
+                                kCameraPositionCount);
+            return false;
+        }
+        if (!isNumber) {
+            __android_log_print(
+                    ANDROID_LOG_ERROR, kTag,
+                    "%s():%d %s value \"%s\" is not a number; the list ends before it\n",
+                    "LoadOverrideSettings", __LINE__, kCameraPositionName, piece.c_str());
+            return false;
+        }
+        slots[count++] = static_cast<int32_t>(number);
+        return true;
+    });
 }
 
 void ApplyOverrideFile(FILE* file, SettingValue* rows) {
