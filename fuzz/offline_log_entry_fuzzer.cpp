@@ -21,6 +21,7 @@
 
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <mutex>
@@ -77,6 +78,13 @@ bool AllBelow(const Ids& ids, size_t bound) {
     return true;
 }
 
+template <typename Ids>
+bool NoneTwice(const Ids& ids) {
+    std::vector<int> sorted(ids.begin(), ids.end());
+    std::sort(sorted.begin(), sorted.end());
+    return std::adjacent_find(sorted.begin(), sorted.end()) == sorted.end();
+}
+
 void LoggerState::Check(OfflineLoggerType type) {
     VxCamOfflineLogger* logger = GetInstance(type);
     FUZZ_CHECK(logger != nullptr);
@@ -92,8 +100,10 @@ void LoggerState::Check(OfflineLoggerType type) {
                         (logger->*(&LoggerState::m_memPool)).size()));
     FUZZ_CHECK(AllBelow(logger->*(&LoggerState::m_freeRegisterIds), registrations.size()));
     FUZZ_CHECK(AllBelow(logger->*(&LoggerState::m_flushRequestIds), registrations.size()));
+    // Free once at most: a bucket or registration free twice would go to two threads at once.
+    FUZZ_CHECK(NoneTwice(logger->*(&LoggerState::m_freeBucketIds)));
+    FUZZ_CHECK(NoneTwice(logger->*(&LoggerState::m_freeRegisterIds)));
     FUZZ_CHECK((logger->*(&LoggerState::m_state)).load() <= 2);
-    FUZZ_CHECK((logger->*(&LoggerState::m_sessionFlushState)).load() <= 1);
     // Retention's names: the list settles one above its bound, and the set holds all of them.
     const auto& names = logger->*(&LoggerState::m_fileNameList);
     const auto& nameSet = logger->*(&LoggerState::m_fileNameSet);
