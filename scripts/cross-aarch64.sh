@@ -66,5 +66,5 @@ echo "vendor.camera.vcf.LogOfflineEnable=1" >"$session_root/vendor/build.prop"
 for refuse in "" --membarrier; do
     ANDROID_LOG_TAGS='*:s' "${old_kernel[@]}" $refuse build-aarch64/tools/vxcamctl session \
         --sysroot "$session_root" --threads 8 --lines 20000 --sessions 2 --close-while-logging \
-        --quiet | tail -2
+        --quiet | tail -3
 done
