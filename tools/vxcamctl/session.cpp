@@ -239,9 +239,32 @@ struct PoolWatch {
     }
 };
 
+// A thread that sleeps on m_wake until it has work or is told to stop. Derived classes start
+// m_thread in their constructor and call StopAndJoin from their destructor, while their own
+// members still live.
+class WakeableThread {
+  protected:
+    // Raises the stop flag, wakes the thread and joins it; false if it was not running.
+    bool StopAndJoin() {
+        if (!m_thread.joinable()) return false;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_stop = true;
+        }
+        m_wake.notify_one();
+        m_thread.join();
+        return true;
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    bool m_stop = false;
+    std::thread m_thread;
+};
+
 // The flush thread: the library calls the trigger with its pool lock held, so the trigger only
 // wakes this thread, which runs the flush through the table.
-class FlushThread {
+class FlushThread : public WakeableThread {
   public:
     FlushThread(const VxCam::OfflineLogEntryTable& table, PoolWatch* watch)
         : m_table(table), m_watch(watch) {
@@ -251,14 +274,7 @@ class FlushThread {
     ~FlushThread() { Stop(); }
     // Lets the thread finish the flushes asked for, and joins it.
     void Stop() {
-        if (!m_thread.joinable()) return;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_stop = true;
-        }
-        m_wake.notify_one();
-        m_thread.join();
-        s_current = nullptr;
+        if (StopAndJoin()) s_current = nullptr;
     }
     // The host's retention, asked for by the library (with its pool lock held) once the logs
     // written pass its threshold: run on the flush thread too.
@@ -318,14 +334,10 @@ class FlushThread {
     const VxCam::OfflineLogEntryTable& m_table;
     PoolWatch* m_watch;
     double m_flushSeconds = 0;
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
     unsigned long m_pending = 0;
     bool m_cleanup = false;
-    bool m_stop = false;
     std::atomic<unsigned long> m_flushes{0};
     std::atomic<unsigned long> m_cleanups{0};
-    std::thread m_thread;
 };
 FlushThread* FlushThread::s_current = nullptr;
 
@@ -692,22 +704,14 @@ constexpr unsigned kWarmUpSessions = 3;
 constexpr double kGrowthToleranceMiB = 8.0;
 
 // Resident memory (VmRSS, KiB) once a second, from construction until Stop.
-class MemorySampler {
+class MemorySampler : public WakeableThread {
   public:
     explicit MemorySampler(size_t expected) {
         m_kib.reserve(expected);  // grows no more while it runs
         m_thread = std::thread([this] { Run(); });
     }
     ~MemorySampler() { Stop(); }
-    void Stop() {
-        if (!m_thread.joinable()) return;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_stop = true;
-        }
-        m_wake.notify_one();
-        m_thread.join();
-    }
+    void Stop() { StopAndJoin(); }
     size_t Count() {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_kib.size();
@@ -725,10 +729,6 @@ class MemorySampler {
     }
 
     std::vector<long> m_kib;
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
-    bool m_stop = false;
-    std::thread m_thread;
 };
 
 double MedianMiB(std::vector<long> kib) {
