@@ -182,14 +182,17 @@ void RemoveFiles() {
 }
 
 // ---- One thread's operations ---------------------------------------------------------------------
+// The type is 32 bits wide; only bits 2 to 7 make it invalid, so a valid type may carry any of
+// the others, and every per-type array must be indexed by its two low bits alone.
 OfflineLoggerType ValidType(FuzzedDataProvider& input) {
-    return static_cast<OfflineLoggerType>(input.ConsumeIntegral<uint8_t>() & 3);
+    const uint32_t high = input.ConsumeBool() ? input.ConsumeIntegral<uint32_t>() & ~0xFFu : 0;
+    return static_cast<OfflineLoggerType>(high | (input.ConsumeIntegral<uint8_t>() & 3));
 }
 
 // Entries from the core-dump path on take any value; an invalid type answers 0 there.
 OfflineLoggerType AnyType(FuzzedDataProvider& input) {
-    return static_cast<OfflineLoggerType>(input.ConsumeBool() ? input.ConsumeIntegral<uint8_t>() & 3
-                                                              : input.ConsumeIntegral<uint8_t>());
+    return input.ConsumeBool() ? ValidType(input)
+                               : static_cast<OfflineLoggerType>(input.ConsumeIntegral<uint32_t>());
 }
 
 bool IsValid(OfflineLoggerType type) {

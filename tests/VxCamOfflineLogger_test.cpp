@@ -483,6 +483,17 @@ TEST_F(OfflineLoggerTest, InstancesAndEntryTable) {
     table.enableCoredump(CoredumpBin);
     EXPECT_EQ(table.isCoredumpEnabled(CoredumpBin), 1);
     EXPECT_EQ(table.linkFlushTrigger(CoredumpBin, nullptr), 0);
+
+    // Only bits 2 to 7 make a type invalid: the other high bits reach the type of the two low ones.
+    for (uint32_t high : {0x100u, 0x10000u, 0x1000000u, 0x40000000u, 0xFFFFFF00u}) {
+        for (uint32_t t = 0; t < 4; ++t) {
+            const auto type = static_cast<OfflineLoggerType>(high | t);
+            EXPECT_EQ(VxCamOfflineLogger::GetInstance(type),
+                      VxCamOfflineLogger::GetInstance(static_cast<OfflineLoggerType>(t)));
+            EXPECT_EQ(table.isEnable(type), 1) << std::hex << type;
+            EXPECT_EQ(table.isCoredumpEnabled(type), t == CoredumpBin ? 1 : 0) << std::hex << type;
+        }
+    }
 }
 
 // The debug frame hands a time-stamped copy of each passed message to the default logger.

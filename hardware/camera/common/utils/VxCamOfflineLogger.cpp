@@ -275,6 +275,12 @@ bool IsValidType(uint32_t type) {
     return (type & 0xFC) == 0;
 }
 
+// The type is 32 bits wide and only bits 2 to 7 make it invalid: every per-type array is indexed
+// by the two low bits, never by the value itself.
+constexpr uint32_t TypeIndex(uint32_t type) {
+    return type & 3;
+}
+
 class SharedHold {
   public:
     __attribute__((always_inline)) SharedHold(OfflineLoggerThreadLock& lock, ThreadLockState& self)
@@ -307,10 +313,11 @@ std::atomic<VxCamOfflineLogger*> s_entryInstances[4];
 
 VxCamOfflineLogger* CachedInstance(OfflineLoggerType type) {
     if (!IsValidType(type)) return VxCamOfflineLogger::GetInstance(type);
-    VxCamOfflineLogger* logger = s_entryInstances[type].load(std::memory_order_acquire);
+    std::atomic<VxCamOfflineLogger*>& entry = s_entryInstances[TypeIndex(type)];
+    VxCamOfflineLogger* logger = entry.load(std::memory_order_acquire);
     if (logger == nullptr) {
         logger = VxCamOfflineLogger::GetInstance(type);
-        s_entryInstances[type].store(logger, std::memory_order_release);
+        entry.store(logger, std::memory_order_release);
     }
     return logger;
 }
@@ -621,7 +628,7 @@ int VxCamOfflineLogger::GetSettingLink() {
     m_typeEnabled[CoredumpBin] = 1;
     m_statusDumpEnabled = 0;
 
-    if (!IsValidType(m_loggerType) || m_typeEnabled[m_loggerType] != 1) return 1;
+    if (!IsValidType(m_loggerType) || m_typeEnabled[TypeIndex(m_loggerType)] != 1) return 1;
 
     int result;
     {
@@ -697,7 +704,7 @@ int VxCamOfflineLogger::AllocateLogQueueMemPool(unsigned int count, unsigned int
 
 int VxCamOfflineLogger::RequestNewLogQueue(unsigned char*& buffer, unsigned int threadId,
                                            int segmentCnt) {
-    const uint32_t type = m_loggerType & 3;
+    const uint32_t type = TypeIndex(m_loggerType);
     int registerId = -1;
     buffer = nullptr;
     std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
@@ -775,7 +782,7 @@ void VxCamOfflineLogger::CleanupMemoryPool() {
 
 LifetimeThreadInfo::~LifetimeThreadInfo() {
     if (valid != 1) return;
-    const uint32_t index = type & 3;
+    const uint32_t index = TypeIndex(type);
     if (type == CoredumpTxt || type == CoredumpBin) return;  // core-dump buckets stay put
     VxCamOfflineLogger* logger = owner != nullptr ? owner : CachedInstance(type);
     if (logger == nullptr || logger->IsEnableOfflinelogger() == 0) return;  // buckets are gone
@@ -825,7 +832,7 @@ int VxCamOfflineLogger::AddLog(const char* log, unsigned int length) {
     }
     if (log == nullptr || length == 0) return 0;
 
-    const unsigned int type = m_loggerType & 3;
+    const unsigned int type = TypeIndex(m_loggerType);
     const uint32_t bucketSize = m_pConfigInfo->bucketSize;
     // Callers may state more than they hold: the debug frame passes the length its line would
     // have had before it was cut to its buffer. A text line ends at its terminator, and no line
@@ -942,7 +949,7 @@ void VxCamOfflineLogger::RequestFlushLogQueue(int registerId, int lastFlag) {
     }
     // The host's trigger runs with the pool lock held: it must hand the flush to another thread.
     void (*trigger)(OfflineLoggerType) = m_flushTriggerLink.load(std::memory_order_acquire);
-    if (trigger != nullptr && m_loggerType < 4 && m_cameraOpenCount[m_loggerType] != 0) {
+    if (trigger != nullptr && m_loggerType < 4 && m_cameraOpenCount[TypeIndex(m_loggerType)] != 0) {
         trigger(m_loggerType);
     }
 }
@@ -1198,7 +1205,7 @@ void VxCamOfflineLogger::NotifyCameraOpen() {
     {
         std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
         if (!IsValidType(m_loggerType)) return;
-        openCount = ++m_cameraOpenCount[m_loggerType];
+        openCount = ++m_cameraOpenCount[TypeIndex(m_loggerType)];
     }
     if (openCount >= 2) {
         OFFLINE_LOGE(
@@ -1227,8 +1234,8 @@ void VxCamOfflineLogger::NotifyCameraClose() {
         if (textOrBinary) SetAllToDefaultValue();
         {
             std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
-            if (IsValidType(m_loggerType) && m_cameraOpenCount[m_loggerType] != 0) {
-                --m_cameraOpenCount[m_loggerType];
+            if (IsValidType(m_loggerType) && m_cameraOpenCount[TypeIndex(m_loggerType)] != 0) {
+                --m_cameraOpenCount[TypeIndex(m_loggerType)];
             }
         }
         m_sessionFlushState.store(0);
