@@ -68,6 +68,9 @@ struct ThreadLockState {
 // look-up for each array otherwise.
 struct CaptureThread {
     ThreadLockState lock;
+    // Non-zero from before this thread asks for the pool lock until after it has let go, so that
+    // a crash report on this thread knows the lock cannot be had.
+    uint32_t poolHolds;
     uint32_t* sessionCnt;
     unsigned char** logBuffer;
     int32_t* queuePoolId;
@@ -302,6 +305,27 @@ class ExclusiveHold {
 
   private:
     OfflineLoggerThreadLock& m_lock;
+};
+
+// The pool lock as the library takes it: the thread notes the hold before it waits and forgets
+// it only after letting go.
+class PoolHold {
+  public:
+    explicit PoolHold(std::mutex& mutex) : m_mutex(mutex) {
+        ++t_capture.poolHolds;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        m_mutex.lock();
+    }
+    ~PoolHold() {
+        m_mutex.unlock();
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        --t_capture.poolHolds;
+    }
+    PoolHold(const PoolHold&) = delete;
+    PoolHold& operator=(const PoolHold&) = delete;
+
+  private:
+    std::mutex& m_mutex;
 };
 
 std::mutex s_offlineLoggerMutex;
@@ -632,7 +656,7 @@ int VxCamOfflineLogger::GetSettingLink() {
 
     int result;
     {
-        std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+        PoolHold lock(*m_pOfflineLoggerLock);
         result = AllocateLogQueueMemPool(m_pConfigInfo->initialBucketCount,
                                          m_pConfigInfo->bucketSize);
     }
@@ -643,7 +667,7 @@ int VxCamOfflineLogger::GetSettingLink() {
 }
 
 void VxCamOfflineLogger::SetAllToDefaultValue() {
-    std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+    PoolHold lock(*m_pOfflineLoggerLock);
     m_prefixReady = 0;
     m_sessionPrefix.clear();
     m_freeBucketIds.clear();
@@ -707,7 +731,7 @@ int VxCamOfflineLogger::RequestNewLogQueue(unsigned char*& buffer, unsigned int 
     const uint32_t type = TypeIndex(m_loggerType);
     int registerId = -1;
     buffer = nullptr;
-    std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+    PoolHold lock(*m_pOfflineLoggerLock);
     const uint32_t sessionCnt = t_sessionCnt[type];
     ++m_requestMemoryCount;
     try {
@@ -767,7 +791,7 @@ int VxCamOfflineLogger::RequestNewLogQueue(unsigned char*& buffer, unsigned int 
 
 void VxCamOfflineLogger::CleanupMemoryPool() {
     ExclusiveHold threads(*m_pThreadLock);
-    std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+    PoolHold lock(*m_pOfflineLoggerLock);
     m_freeBucketIds.clear();
     m_flushRequestIds.clear();
     m_freeRegisterIds.clear();
@@ -931,7 +955,7 @@ int VxCamOfflineLogger::DPrintF(int fd, const char* format, ...) {
 // ---- Flushing and file naming -------------------------------------------------------------------
 
 void VxCamOfflineLogger::RequestFlushLogQueue(int registerId, int lastFlag) {
-    std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+    PoolHold lock(*m_pOfflineLoggerLock);
     if (registerId < 0 || static_cast<size_t>(registerId) >= m_perLogInfoPool.size()) {
         OFFLINE_LOGW("Invalid registerId %d, m_perLogInfoPool size %zu", registerId,
                      m_perLogInfoPool.size());
@@ -1044,7 +1068,7 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
     if (flushAll == 1 && !m_pThreadLock->HeldByThisThread()) threads.emplace(*m_pThreadLock);
     // Held from the start, not only while writing: the session prefix and the pool's size are
     // shared with concurrent flushes and with threads that grow the pool.
-    std::unique_lock<std::mutex> lock(*m_pOfflineLoggerLock);
+    PoolHold lock(*m_pOfflineLoggerLock);
     if (m_memPool.empty()) return 2;
     if (m_state.load() == kStateDisabled) return 2;
     if (s_isInitValid.load() == 0) return 1;
@@ -1203,7 +1227,7 @@ void VxCamOfflineLogger::NotifyCameraOpen() {
     if (m_state.load() == kStateDisabled) return;
     uint32_t openCount;
     {
-        std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+        PoolHold lock(*m_pOfflineLoggerLock);
         if (!IsValidType(m_loggerType)) return;
         openCount = ++m_cameraOpenCount[TypeIndex(m_loggerType)];
     }
@@ -1233,7 +1257,7 @@ void VxCamOfflineLogger::NotifyCameraClose() {
         if (flush) FlushLogToFile(1, 0);
         if (textOrBinary) SetAllToDefaultValue();
         {
-            std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+            PoolHold lock(*m_pOfflineLoggerLock);
             if (IsValidType(m_loggerType) && m_cameraOpenCount[TypeIndex(m_loggerType)] != 0) {
                 --m_cameraOpenCount[TypeIndex(m_loggerType)];
             }
@@ -1250,7 +1274,7 @@ void VxCamOfflineLogger::DisableOfflinelogger() {
     // Threads already past the state test finish their line before the buckets go.
     ExclusiveHold threads(*m_pThreadLock);
     SetAllToDefaultValue();
-    std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+    PoolHold lock(*m_pOfflineLoggerLock);
     for (unsigned char* bucket : m_memPool) BucketPages::Unmap(bucket);
     m_memPool.clear();
     m_memPool.shrink_to_fit();
@@ -1313,7 +1337,7 @@ int VxCamOfflineLogger::MonitorFileSystemHealth(float fwriteTimeMs) {
 void VxCamOfflineLogger::RemoveOlderLogFiles() {
     size_t recycleCount;
     {
-        std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+        PoolHold lock(*m_pOfflineLoggerLock);
         recycleCount = m_recycleList.size();
     }
     const uint32_t session = m_sessionCount.load();
@@ -1340,13 +1364,13 @@ void VxCamOfflineLogger::RemoveOlderLogFiles() {
         }
     }
     {
-        std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+        PoolHold lock(*m_pOfflineLoggerLock);
         for (size_t i = 0; i < processed && !m_recycleList.empty(); ++i) m_recycleList.pop_front();
     }
 
     uint32_t finishedToDrop;
     {
-        std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+        PoolHold lock(*m_pOfflineLoggerLock);
         const float share = static_cast<float>(m_finishedThreadList.size()) * 0.3f;
         finishedToDrop = static_cast<uint32_t>(ceilf(share));
     }
@@ -1360,7 +1384,7 @@ void VxCamOfflineLogger::RemoveOlderLogFiles() {
             }
         }
     }
-    std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+    PoolHold lock(*m_pOfflineLoggerLock);
     for (uint32_t i = 0; i < finishedToDrop && !m_finishedThreadList.empty(); ++i) {
         m_finishedThreadList.pop_front();
     }
@@ -1442,7 +1466,7 @@ int VxCamOfflineLogger::IsCoredumpEnabled() {
 void VxCamOfflineLogger::SetStatusDumpEnabled(int enable) {
     // Under the flush's lock: a flush opens the dump file only while the switch is on and closes
     // it before it returns, so file and switch never disagree.
-    std::lock_guard<std::mutex> lock(*m_pOfflineLoggerLock);
+    PoolHold lock(*m_pOfflineLoggerLock);
     m_statusDumpEnabled = enable == 1 ? 1 : 0;
 }
 
