@@ -7,8 +7,10 @@
 // leaves this suite out: the catcher flushes from a signal handler by design.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -19,9 +21,11 @@
 #include <atomic>
 #include <filesystem>
 #include <functional>
+#include <iostream>
 #include <string>
 #include <thread>
 
+#include "TestLogger.h"
 #include "TestSupport.h"
 #include "VxCamOfflineLogger.h"
 
@@ -47,18 +51,67 @@ extern "C" int statvfs(const char* path, struct statvfs* out) {
 
 namespace {
 std::atomic<int> g_faultOnLogOpen{0};  // a signal to raise when the flush opens a log file
+std::atomic<bool> g_deadDisk{false};   // opening a log file never returns
 }  // namespace
 
-// A fault inside the crash flush, with the pool lock held.
+// A fault inside the crash flush, with the pool lock held; or a disk that no longer answers.
 extern "C" FILE* fopen(const char* path, const char* mode) {
     using Fopen = FILE* (*)(const char*, const char*);
     static Fopen real = reinterpret_cast<Fopen>(dlsym(RTLD_NEXT, "fopen"));
     const int sig = g_faultOnLogOpen.load();
-    if (sig != 0 && path != nullptr && strstr(path, "__Tid") != nullptr) {
-        g_faultOnLogOpen = 0;
-        syscall(SYS_tgkill, getpid(), gettid(), sig);
+    if (path != nullptr && strstr(path, "__Tid") != nullptr) {
+        if (sig != 0) {
+            g_faultOnLogOpen = 0;
+            syscall(SYS_tgkill, getpid(), gettid(), sig);
+        }
+        while (g_deadDisk.load()) pause();
     }
     return real(path, mode);
+}
+
+namespace {
+// Where a child's main thread takes a signal in the capture lock's life: just after it took the
+// writers' mutex for an exclusive hold, or just before it lets go of it.
+enum LockWindow { kNoWindow, kAfterTakingWriters, kBeforeReleasingWriters };
+std::atomic<int> g_lockWindow{kNoWindow};
+std::atomic<pid_t> g_lockWindowTid{0};
+std::atomic<pthread_mutex_t*> g_writersMutex{nullptr};
+
+pthread_mutex_t* PoolMutex() {
+    return VxCamOfflineLogger::m_pOfflineLoggerLock->native_handle();
+}
+
+bool WatchingThisThread(pthread_mutex_t* mutex) {
+    return g_lockWindow.load() != kNoWindow && g_lockWindowTid.load() == gettid() &&
+           mutex != PoolMutex();
+}
+}  // namespace
+
+// The first mutex other than the pool lock that the watched thread takes is the writers' mutex
+// of the capture lock: nothing else is taken before it in a camera close.
+extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) {
+    using Lock = int (*)(pthread_mutex_t*);
+    static Lock real = reinterpret_cast<Lock>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+    const int result = real(mutex);
+    if (WatchingThisThread(mutex) && g_writersMutex.load() == nullptr) {
+        g_writersMutex = mutex;
+        if (g_lockWindow.exchange(kNoWindow) == kAfterTakingWriters) {
+            syscall(SYS_tgkill, getpid(), gettid(), SIGABRT);
+        } else {
+            g_lockWindow = kBeforeReleasingWriters;
+        }
+    }
+    return result;
+}
+
+extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    using Unlock = int (*)(pthread_mutex_t*);
+    static Unlock real = reinterpret_cast<Unlock>(dlsym(RTLD_NEXT, "pthread_mutex_unlock"));
+    if (WatchingThisThread(mutex) && mutex == g_writersMutex.load()) {
+        g_lockWindow = kNoWindow;
+        syscall(SYS_tgkill, getpid(), gettid(), SIGABRT);
+    }
+    return real(mutex);
 }
 
 namespace {
@@ -192,12 +245,12 @@ TEST(SignalCatcher, ReportsFlushesBacksUpAndChains) {
                              : root / "_Session1_Crash_Dump.log";
         ASSERT_TRUE(fs::exists(dumpPath)) << dumpPath;
         const std::string dump = vxcamtest::ReadFile(dumpPath);
-        // The catcher's own two frames are left out: the first line is frame #02, the call that
-        // raised the signal.
+        // The catcher's own frames and the signal trampoline are left out: the first line is the
+        // call that raised the signal.
         const std::string firstFrame = dump.substr(0, dump.find('\n'));
-        EXPECT_NE(firstFrame.find(" F DEBUG   : #02 pc "), std::string::npos) << dump;
+        EXPECT_NE(firstFrame.find(" F DEBUG   : #0"), std::string::npos) << dump;
         EXPECT_NE(firstFrame.find("(syscall+"), std::string::npos) << dump;
-        EXPECT_EQ(dump.find(" F DEBUG   : #00 "), std::string::npos) << dump;
+        EXPECT_EQ(dump.find("SignalCatcher"), std::string::npos) << dump;
         EXPECT_EQ(dump.find("*** ***"), std::string::npos) << "the header stays out of the dump";
 
         const std::string logs = session.empty() ? "" : TextLogs(session);
@@ -211,7 +264,7 @@ TEST(SignalCatcher, ReportsFlushesBacksUpAndChains) {
             EXPECT_NE(logs.find(signalLine), std::string::npos);
             EXPECT_NE(logs.find(" F DEBUG   : pid: " + std::to_string(child.pid) + ", tid: "),
                       std::string::npos);
-            EXPECT_NE(logs.find(" F DEBUG   : #02 pc "), std::string::npos);
+            EXPECT_NE(logs.find(firstFrame), std::string::npos);
             // The crash header and stack follow the last line the thread logged.
             EXPECT_LT(logs.find(Numbered('B', 49)), logs.find(signalLine));
         }
@@ -263,6 +316,199 @@ TEST(SignalCatcher, UnknownSignalIsNotChained) {
         }
     });
     EXPECT_EQ(child.exitCode, 0);
+}
+
+}  // namespace
+
+// On a device the catcher runs on the crash reporter's alternate stack, and the previous handler
+// then runs on top of whatever the catcher still holds there. Both figures are measured on a
+// painted alternate stack: what the catcher leaves live while it chains, and the deepest the whole
+// report reached (the unwinder and stdio included).
+constexpr size_t kAltStackSize = 256 * 1024;
+unsigned char* g_altStack = nullptr;
+
+void MeasureStack(int sig, siginfo_t*, void* context) {
+    const auto top = reinterpret_cast<uintptr_t>(context);
+    const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+    size_t lowest = 0;
+    while (lowest < kAltStackSize && g_altStack[lowest] == 0xA5) ++lowest;
+    NoteCall("sig " + std::to_string(sig) + " live " + std::to_string(top - here) + " peak " +
+             std::to_string(top - reinterpret_cast<uintptr_t>(g_altStack + lowest)));
+    _exit(kChainedExit);
+}
+
+TEST(SignalCatcher, StackUseOnTheAlternateStack) {
+    vxcamtest::TempDir root;
+    const ChildEnd child = InChild(root, [] {
+        g_altStack = static_cast<unsigned char*>(mmap(
+                nullptr, kAltStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        memset(g_altStack, 0xA5, kAltStackSize);
+        stack_t alternate = {};
+        alternate.ss_sp = g_altStack;
+        alternate.ss_size = kAltStackSize;
+        sigaltstack(&alternate, nullptr);
+        struct sigaction previous = {};
+        previous.sa_sigaction = MeasureStack;
+        previous.sa_flags = SA_SIGINFO | SA_ONSTACK;  // as the crash reporter installs it
+        sigaction(SIGSEGV, &previous, nullptr);
+        g_freeMB = 100000;
+        VxCamOfflineLogger* text = VxCamOfflineLogger::GetInstance(OfflineLog);
+        if (VxCamOfflineLogger::GetInstance(CoredumpTxt)->GetSettingLink() != 1) return;
+        text->NotifyCameraOpen();
+        text->AddLog("a line\n", 7);
+        syscall(SYS_tgkill, getpid(), gettid(), SIGSEGV);
+    });
+    ASSERT_EQ(child.exitCode, kChainedExit) << "signal " << child.signal;
+    unsigned live = 0;
+    unsigned peak = 0;
+    const std::string record = vxcamtest::ReadFile(root / "record");
+    ASSERT_EQ(sscanf(record.c_str(), "sig 11 live %u peak %u", &live, &peak), 2) << record;
+    std::cout << "catcher stack: " << live << " bytes live while chaining, " << peak
+              << " bytes at the deepest\n";
+    EXPECT_LT(live, 1024u);
+}
+
+// ---- The crash report and the logger's locks ---------------------------------------------------
+// Whatever lock the faulting thread holds or is taking, the report neither waits for itself nor
+// for ever: it says in the dump when it cannot write the buckets, gives up after a few seconds
+// when another thread or the disk keeps it waiting, and always reaches the previous handler.
+
+namespace {
+
+enum class Crash {
+    kTakingExclusive,     // camera close: the writers' mutex taken, the readers not yet drained
+    kReleasingExclusive,  // camera close: the hold being given back
+    kHoldingExclusive,    // camera close: the hold taken, the pool lock not
+    kInsideALine,         // a line read from a bad pointer, the capture lock held shared
+    kInFlushTrigger,      // the host's flush trigger, called with the pool lock held
+    kPoolLockElsewhere,   // another thread's flush trigger never returns
+    kDeadDisk,            // the crash flush cannot open a log file
+};
+
+struct LockCase {
+    Crash crash;
+    const char* name;
+    bool flushed;      // the line logged before the crash is on disk
+    const char* note;  // what the dump says about the buckets, or nullptr
+};
+
+constexpr const char kHeldHere[] =
+        "offline log not flushed: the crash came while this thread held the logger's lock";
+constexpr const char kStopped[] = "crash report stopped after 5 s";
+
+const LockCase kLockCases[] = {
+        {Crash::kTakingExclusive, "taking the exclusive hold", false, kHeldHere},
+        {Crash::kReleasingExclusive, "releasing the exclusive hold", true, kHeldHere},
+        {Crash::kHoldingExclusive, "holding the exclusive hold", true, nullptr},
+        {Crash::kInsideALine, "inside a line", true, nullptr},
+        {Crash::kInFlushTrigger, "inside the flush trigger", false, kHeldHere},
+        {Crash::kPoolLockElsewhere, "pool lock held elsewhere", false, kStopped},
+        {Crash::kDeadDisk, "dead disk", false, kStopped},
+};
+
+enum TriggerAction { kTriggerNothing, kTriggerCrashes, kTriggerNeverReturns };
+std::atomic<int> g_triggerAction{kTriggerNothing};
+std::atomic<bool> g_triggerEntered{false};
+
+void Trigger(OfflineLoggerType) {
+    g_triggerEntered = true;
+    if (g_triggerAction == kTriggerCrashes) syscall(SYS_tgkill, getpid(), gettid(), SIGABRT);
+    while (g_triggerAction == kTriggerNeverReturns) pause();
+}
+
+// A close whose flush faults first thing, with the exclusive hold taken and the pool lock not.
+class CrashingFlushLogger : public vxcamtest::TestLogger {
+  public:
+    CrashingFlushLogger() : vxcamtest::TestLogger(OfflineLog, {1, 1, 6, 4096}) {}
+    int FlushLogToFile(int flushAll, int backup) override {
+        if (flushAll == 1) syscall(SYS_tgkill, getpid(), gettid(), SIGABRT);
+        return vxcamtest::TestLogger::FlushLogToFile(flushAll, backup);
+    }
+};
+
+constexpr char kLastLine[] = "the last line before the crash\n";
+
+void CrashInChild(const LockCase& c) {
+    struct sigaction previous = {};
+    previous.sa_handler = PreviousPlain;
+    sigaction(SIGABRT, &previous, nullptr);
+    sigaction(SIGSEGV, &previous, nullptr);
+    g_freeMB = 100000;
+    VxCamOfflineLogger* text = VxCamOfflineLogger::GetInstance(OfflineLog);
+    if (VxCamOfflineLogger::GetInstance(CoredumpTxt)->GetSettingLink() != 1) return;
+    text->NotifyCameraOpen();
+    text->SetFlushTriggerLink(Trigger);
+    text->AddLog(kLastLine, sizeof(kLastLine) - 1);
+    text->FlushLogToFile(0, 0);  // names the session, so the dump lands beside its files
+    const pid_t self = gettid();
+    switch (c.crash) {
+        case Crash::kTakingExclusive:
+        case Crash::kReleasingExclusive:
+            g_lockWindowTid = self;
+            g_lockWindow = c.crash == Crash::kTakingExclusive ? kAfterTakingWriters
+                                                              : kBeforeReleasingWriters;
+            text->NotifyCameraClose();
+            break;
+        case Crash::kHoldingExclusive: {
+            static CrashingFlushLogger* logger = new CrashingFlushLogger;
+            logger->NotifyCameraClose();
+            break;
+        }
+        case Crash::kInsideALine: {
+            // Binary records are copied as given; this one cannot be read.
+            void* unreadable = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            VxCamOfflineLogger* binary = VxCamOfflineLogger::GetInstance(BinaryLog);
+            binary->AddLog("x", 1);
+            binary->AddLog(static_cast<const char*>(unreadable), 64);
+            break;
+        }
+        case Crash::kInFlushTrigger:
+            g_triggerAction = kTriggerCrashes;
+            text->RequestFlushLogQueue(0, 0);
+            break;
+        case Crash::kPoolLockElsewhere:
+            g_triggerAction = kTriggerNeverReturns;
+            std::thread([text] { text->RequestFlushLogQueue(0, 0); }).detach();
+            while (!g_triggerEntered) usleep(1000);
+            syscall(SYS_tgkill, getpid(), self, SIGABRT);
+            break;
+        case Crash::kDeadDisk:
+            g_deadDisk = true;
+            syscall(SYS_tgkill, getpid(), self, SIGABRT);
+            break;
+    }
+}
+
+TEST(SignalCatcher, NoLockWindowKeepsTheCrashFromThePreviousHandler) {
+    for (const LockCase& c : kLockCases) {
+        SCOPED_TRACE(c.name);
+        vxcamtest::TempDir root;
+        const ChildEnd child = InChild(root, [&] { CrashInChild(c); });
+        EXPECT_EQ(child.exitCode, kChainedExit) << "signal " << child.signal;
+        const std::string record = vxcamtest::ReadFile(root / "record");
+        EXPECT_TRUE(record == "sig 6 plain" || record == "sig 11 plain") << record;
+
+        const std::string session = Find(root / "data/vendor/camera", "VxCam_OfflineLog_");
+        ASSERT_FALSE(session.empty());
+        const std::string logs = TextLogs(session);
+        EXPECT_EQ(logs.find(kLastLine) != std::string::npos, c.flushed) << logs;
+        std::string dumps;
+        // After a close the session has no prefix yet: its dump goes to the working folder.
+        for (const auto& entry : fs::recursive_directory_iterator(root.Path())) {
+            if (entry.path().string().find("_Crash_Dump.log") != std::string::npos)
+                dumps += vxcamtest::ReadFile(entry.path().string());
+        }
+        // The stack starts at the faulting call, wherever the fault was.
+        if (c.crash != Crash::kInsideALine) {
+            EXPECT_NE(dumps.find("(syscall+"), std::string::npos) << dumps;
+        }
+        if (c.note != nullptr) {
+            EXPECT_NE(dumps.find(c.note), std::string::npos) << dumps;
+        } else {
+            EXPECT_EQ(dumps.find("offline log not flushed"), std::string::npos) << dumps;
+            EXPECT_EQ(dumps.find("stopped"), std::string::npos) << dumps;
+        }
+    }
 }
 
 }  // namespace

@@ -2,11 +2,15 @@
 // retention, crash backup and the C entry table.
 #include "VxCamOfflineLogger.h"
 
+#include <dlfcn.h>
 #include <errno.h>
+#include <inttypes.h>
 #include <linux/membarrier.h>
 #include <math.h>
 #include <pthread.h>
 #include <sched.h>
+#include <setjmp.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -16,6 +20,7 @@
 #include <sys/sysinfo.h>
 #include <sys/time.h>
 #include <time.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -54,13 +59,24 @@ struct alignas(128) ReaderSlot {
 // Plenty for the threads of one camera process that log; threads beyond share one counter.
 constexpr size_t kReaderSlots = 256;
 
+// Where a thread stands with the exclusive hold. A crash report on the thread reads it: between
+// asking and having, and between letting go and being done, the writers' mutex may be this
+// thread's own, and waiting for it would wait for ever.
+enum ExclusivePhase : uint8_t {
+    kExclusiveNone = 0,
+    kExclusiveAcquiring,
+    kExclusiveHeld,
+    kExclusiveReleasing,
+};
+
 struct ThreadLockState {
-    ReaderSlot* slot;  // this thread's own slot; null before its first hold, when every slot was
-                       // taken, and once its exit has begun
-    uint32_t depth;    // shared holds, plus one while it holds the lock exclusively
-    uint8_t claimed;   // a slot was sought; later holds without a slot use the shared counter
-    uint8_t light;     // announce holds with a plain store (exclusive holders use membarrier)
-    uint8_t counted;   // the outermost hold is in the shared counter, not in the slot
+    ReaderSlot* slot;   // this thread's own slot; null before its first hold, when every slot was
+                        // taken, and once its exit has begun
+    uint32_t depth;     // shared holds, plus one while it holds the lock exclusively
+    uint8_t claimed;    // a slot was sought; later holds without a slot use the shared counter
+    uint8_t light;      // announce holds with a plain store (exclusive holders use membarrier)
+    uint8_t counted;    // the outermost hold is in the shared counter, not in the slot
+    uint8_t exclusive;  // an ExclusivePhase
 };
 // This thread's capture state as one thread-local: the lock state, and where its exported
 // per-type arrays live (found once, on its first line). The capture reaches everything it needs
@@ -160,7 +176,56 @@ class OfflineLoggerThreadLock {
 
     void Lock() {
         ThreadLockState& self = t_capture.lock;
+        SetPhase(self, kExclusiveAcquiring);
         pthread_mutex_lock(&m_writerMutex);
+        DrainReaders(self);
+    }
+
+    // The crash report's way in. The exclusive hold is taken unless the thread has it already,
+    // or taking it could wait for this very thread: while the thread is itself taking or giving
+    // up the exclusive hold, or while it holds the lock shared and another thread has already
+    // begun to take it exclusively (that thread waits for this one to leave). Returns false
+    // then; `taken` tells whether an Unlock is owed.
+    bool LockForReport(bool* taken) {
+        ThreadLockState& self = t_capture.lock;
+        *taken = false;
+        if (self.exclusive == kExclusiveHeld) return true;
+        if (self.exclusive != kExclusiveNone) return false;
+        SetPhase(self, kExclusiveAcquiring);
+        if (self.depth == 0) {
+            pthread_mutex_lock(&m_writerMutex);  // waits for other threads only
+        } else if (pthread_mutex_trylock(&m_writerMutex) != 0) {
+            SetPhase(self, kExclusiveNone);
+            return false;
+        }
+        DrainReaders(self);
+        *taken = true;
+        return true;
+    }
+
+    // Whether the calling thread holds the lock exclusively.
+    bool HeldExclusivelyByThisThread() const { return t_capture.lock.exclusive == kExclusiveHeld; }
+
+    void Unlock() {
+        ThreadLockState& self = t_capture.lock;
+        SetPhase(self, kExclusiveReleasing);
+        --self.depth;
+        m_writer.store(0, std::memory_order_release);
+        pthread_mutex_unlock(&m_writerMutex);
+        SetPhase(self, kExclusiveNone);
+    }
+
+  private:
+    // Only a signal handler on the same thread reads the phase: keeping the compiler's order is
+    // enough.
+    static void SetPhase(ThreadLockState& self, ExclusivePhase phase) {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        self.exclusive = phase;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
+
+    // With the writers' mutex held: shuts out new shared holds and waits for those under way.
+    void DrainReaders(ThreadLockState& self) {
         m_writer.store(1, std::memory_order_seq_cst);
         if (HeavyBarrierAvailable()) HeavyBarrier();
         // A thread that already holds it shared is let through rather than left waiting on itself.
@@ -170,18 +235,9 @@ class OfflineLoggerThreadLock {
         }
         WaitUntilZero(m_countedReaders, holding && self.counted != 0 ? 1 : 0);
         ++self.depth;
+        SetPhase(self, kExclusiveHeld);
     }
 
-    // Whether the calling thread holds the lock, shared or exclusively.
-    bool HeldByThisThread() const { return t_capture.lock.depth != 0; }
-
-    void Unlock() {
-        --t_capture.lock.depth;
-        m_writer.store(0, std::memory_order_release);
-        pthread_mutex_unlock(&m_writerMutex);
-    }
-
-  private:
     // Gives the thread back its slot when it exits; later holds on the way out are counted.
     struct SlotLease {
         ~SlotLease() {
@@ -1065,7 +1121,9 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
     // line into one meanwhile. A camera close holds the capture off already; a host's own flush
     // of everything, or the crash report, is held off here.
     std::optional<ExclusiveHold> threads;
-    if (flushAll == 1 && !m_pThreadLock->HeldByThisThread()) threads.emplace(*m_pThreadLock);
+    if (flushAll == 1 && !m_pThreadLock->HeldExclusivelyByThisThread()) {
+        threads.emplace(*m_pThreadLock);
+    }
     // Held from the start, not only while writing: the session prefix and the pool's size are
     // shared with concurrent flushes and with threads that grow the pool.
     PoolHold lock(*m_pOfflineLoggerLock);
@@ -1526,6 +1584,11 @@ char g_coreDumpBaseDirectory[256];
 namespace {
 
 constexpr int kDebuggerSignal = 35;  // the platform's request for a live stack dump
+constexpr int kCurrentThread = -1;   // android::CallStack's "the calling thread"
+// How long a crash report may take, flush and backup included, before the previous action runs
+// all the same: a report stuck on a dead disk, or on a lock that another thread never gives back,
+// must not keep the crash from the system crash reporter.
+constexpr int kReportSeconds = 5;
 
 struct CaughtSignal {
     int number;
@@ -1549,10 +1612,6 @@ void RegisterSignalHandlersOnce() {
     if (!s_signalHandlersRegistered.exchange(true)) RegisterSignalHandlers();
 }
 
-// Inlined even without optimisation: the stack it records leaves out exactly two frames of its
-// own, the catcher and the signal trampoline.
-__attribute__((always_inline)) inline void ReportAndFlush(int sig, siginfo_t* info);
-
 bool IsCatcher(const struct sigaction& action) {
     return (action.sa_flags & SA_SIGINFO) != 0 && action.sa_sigaction == SignalCatcher;
 }
@@ -1562,6 +1621,222 @@ struct sigaction* SavedAction(int sig) {
         if (kCaughtSignals[i].number == sig) return &s_oldSignalActions[i];
     }
     return nullptr;
+}
+
+// The text of one report, kept off the stack: on a device the catcher runs on the crash
+// reporter's small alternate stack, which the previous handler then shares.
+struct ReportScratch {
+    char stamp[100];
+    char header[1024];
+    char frames[4096];
+    char line[1024];
+    char dumpPath[kPathSize];
+    char* pieces[64];
+};
+
+// The report under way on this thread, if any.
+struct ReportState {
+    bool active;
+    sigjmp_buf* stop;        // where an overrunning report is ended
+    ReportScratch* scratch;  // its text, once mapped
+    timer_t watchdog;
+    bool watchdogArmed;
+    sigset_t maskBefore;  // the mask the catcher was entered with
+};
+thread_local ReportState t_report = {};
+
+#ifndef sigev_notify_thread_id
+#define sigev_notify_thread_id _sigev_un._tid  // as the kernel's own header names it
+#endif
+
+// After kReportSeconds a timer sends the caught signal again, to this thread alone; the catcher
+// recognises it by its value and jumps out of the report. The signal is blocked while its own
+// handler runs, so it is let through for the report's length.
+void ArmWatchdog(ReportState& report, int sig) {
+    sigevent event = {};
+    event.sigev_notify = SIGEV_THREAD_ID;
+    event.sigev_signo = sig;
+    event.sigev_value.sival_ptr = report.stop;
+    event.sigev_notify_thread_id = gettid();
+    if (timer_create(CLOCK_MONOTONIC, &event, &report.watchdog) != 0) return;
+    itimerspec limit = {};
+    limit.it_value.tv_sec = kReportSeconds;
+    if (timer_settime(report.watchdog, 0, &limit, nullptr) != 0) {
+        timer_delete(report.watchdog);
+        return;
+    }
+    report.watchdogArmed = true;
+    sigset_t caught;
+    sigemptyset(&caught);
+    sigaddset(&caught, sig);
+    pthread_sigmask(SIG_UNBLOCK, &caught, &report.maskBefore);
+}
+
+// Deleting the timer also drops its signal if it is pending.
+void DisarmWatchdog(ReportState& report) {
+    if (!report.watchdogArmed) return;
+    timer_delete(report.watchdog);
+    pthread_sigmask(SIG_SETMASK, &report.maskBefore, nullptr);
+    report.watchdogArmed = false;
+}
+
+// One line to the crash dump file, opened and closed for itself so that what reached the file
+// survives a second fault.
+void AppendToDump(const char* dumpPath, const char* line) {
+    if (FILE* dump = fopen(dumpPath, "a+")) {
+        fputs(line, dump);
+        fclose(dump);
+    }
+}
+
+// The pc the signal interrupted, where the platform's context record is known to this build.
+uintptr_t InterruptedPc(const void* context) {
+    const ucontext_t* state = static_cast<const ucontext_t*>(context);
+    if (state == nullptr) return 0;
+#if defined(__aarch64__)
+    return static_cast<uintptr_t>(state->uc_mcontext.pc);
+#elif defined(__x86_64__)
+    return static_cast<uintptr_t>(state->uc_mcontext.gregs[REG_RIP]);
+#else
+    return 0;
+#endif
+}
+
+// The first frame of the stack text that is not the catcher's own: the frame the signal
+// interrupted, found by its pc as the stack prints it (relative to its object), or else the frame
+// after the signal trampoline, found by its name. The count of the catcher's frames depends on
+// the compiler and the unwinder, so it is not relied on; with neither found, every frame is kept.
+size_t FirstInterruptedFrame(char* const* pieces, size_t count, const void* context) {
+    const uintptr_t pc = InterruptedPc(context);
+    Dl_info object = {};
+    if (pc != 0 && dladdr(reinterpret_cast<void*>(pc), &object) != 0 &&
+        object.dli_fbase != nullptr) {
+        char text[40];
+        snprintf(text, sizeof(text), "pc %0*" PRIxPTR " ", static_cast<int>(2 * sizeof(uintptr_t)),
+                 pc - reinterpret_cast<uintptr_t>(object.dli_fbase));
+        for (size_t i = 0; i < count; ++i) {
+            if (strstr(pieces[i], text) != nullptr) return i;
+        }
+    }
+    for (size_t i = 0; i < count; ++i) {
+        if (strstr(pieces[i], "sigreturn") != nullptr ||
+            strstr(pieces[i], "__restore_rt") != nullptr)
+            return i + 1;
+    }
+    return 0;
+}
+
+// Says in the dump file and on the Android log why the buckets were not written.
+void NoteUnflushed(const ReportScratch* scratch, const char* why) {
+    OFFLINE_LOGE("Offlinelog crash flush skipped: %s", why);
+    if (scratch == nullptr || scratch->dumpPath[0] == '\0') return;
+    char line[256];
+    snprintf(line, sizeof(line), "%s F DEBUG   : offline log not flushed: %s\n", scratch->stamp,
+             why);
+    AppendToDump(scratch->dumpPath, line);
+}
+
+// The report itself. Not inlined: its frame is gone before the previous handler is called.
+__attribute__((noinline)) void ReportCrash(int sig, siginfo_t* info, void* context,
+                                           ReportState& report) {
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm localStorage = {};
+    const tm* local = localtime_r(&now.tv_sec, &localStorage);
+    VxCamOfflineLogger* logger = s_crashLogger.load();
+    if (logger == nullptr) {
+        logger = VxCamOfflineLogger::GetInstance(OfflineLog);
+        s_crashLogger.store(logger);
+    }
+    // What this thread holds decides what the report may touch: with the pool lock, or halfway
+    // into or out of the exclusive hold, any call that takes them would wait for this very thread.
+    const bool poolHeld = t_capture.poolHolds != 0;
+    const uint8_t phase = t_capture.lock.exclusive;
+    const bool selfBlocked =
+            poolHeld || phase == kExclusiveAcquiring || phase == kExclusiveReleasing;
+    const bool mayLog = logger != nullptr && !selfBlocked;
+
+    void* mapped = mmap(nullptr, sizeof(ReportScratch), PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ReportScratch* scratch = mapped != MAP_FAILED ? static_cast<ReportScratch*>(mapped) : nullptr;
+    report.scratch = scratch;
+    if (scratch != nullptr) {
+        if (local != nullptr) {
+            snprintf(scratch->stamp, sizeof(scratch->stamp),
+                     "%02d-%02d %02d:%02d:%02d:%09ld  %4d  %4d", local->tm_mon + 1, local->tm_mday,
+                     local->tm_hour, local->tm_min, local->tm_sec, now.tv_nsec, getpid(), gettid());
+            snprintf(scratch->header, sizeof(scratch->header),
+                     "%s F DEBUG   : *** *** *** *** *** *** *** *** *** *** *** *** *** *** *** "
+                     "***\n"
+                     "%s F DEBUG   : pid: %d, tid: %d\n"
+                     "%s F DEBUG   : signal %d, code %d, fault addr %p\n"
+                     "%s F DEBUG   : *** *** *** *** *** *** *** *** *** *** *** *** *** *** *** "
+                     "***\n",
+                     scratch->stamp, scratch->stamp, getpid(), gettid(), scratch->stamp,
+                     info != nullptr ? info->si_signo : sig, info != nullptr ? info->si_code : 0,
+                     info != nullptr ? info->si_addr : nullptr, scratch->stamp);
+            if (mayLog) {
+                logger->AddLog(scratch->header, static_cast<unsigned int>(strlen(scratch->header)));
+            }
+        }
+
+        const std::string dumpPath =
+                (logger != nullptr ? logger->GetCurrentSessionPrefixFilename()
+                                   : VxCamPort::ResolveDevicePath(kDeviceRoot) + "/") +
+                "_Crash_Dump.log";
+        strlcpy(scratch->dumpPath, dumpPath.c_str(), sizeof(scratch->dumpPath));
+        {
+            android::CallStack stack;
+            stack.update(1, kCurrentThread);
+            strlcpy(scratch->frames, stack.toString(nullptr).c_str(), sizeof(scratch->frames));
+        }
+        size_t count = 0;
+        char* cursor = nullptr;
+        for (char* frame = strtok_r(scratch->frames, "#", &cursor);
+             frame != nullptr && count < sizeof(scratch->pieces) / sizeof(scratch->pieces[0]);
+             frame = strtok_r(nullptr, "#", &cursor)) {
+            scratch->pieces[count++] = frame;
+        }
+        for (size_t i = FirstInterruptedFrame(scratch->pieces, count, context); i < count; ++i) {
+            if (local != nullptr) {
+                snprintf(scratch->line, sizeof(scratch->line), "%s F DEBUG   : #%s", scratch->stamp,
+                         scratch->pieces[i]);
+            } else {
+                snprintf(scratch->line, sizeof(scratch->line), "F DEBUG   : #%s",
+                         scratch->pieces[i]);
+            }
+            if (sig != kDebuggerSignal && mayLog) {
+                logger->AddLog(scratch->line, static_cast<unsigned int>(strlen(scratch->line)));
+            }
+            AppendToDump(scratch->dumpPath, scratch->line);
+        }
+    }
+
+    if (logger != nullptr) {
+        if (sig == kDebuggerSignal) {
+            logger->SetSignal35TombstoneTriggered();
+        } else if (selfBlocked) {
+            NoteUnflushed(scratch, "the crash came while this thread held the logger's lock");
+        } else {
+            const std::string root = VxCamPort::ResolveDevicePath(kDeviceRoot);
+            const double freeMB = logger->GetAvailableSpace(root.c_str());
+            const int minimumMB = logger->GetMinimumRequireForBackupLog();
+            const int backupEnabled = logger->GetEnableBackupLogWhileCrash();
+            const int backup = freeMB > static_cast<double>(minimumMB) && backupEnabled == 1;
+            // Nobody may copy into a bucket while it is written. A thread that crashed inside a
+            // line holds the capture lock shared and can still take it exclusively, unless
+            // another thread already waits to, and waits for this one.
+            bool taken = false;
+            if (s_threadLock.LockForReport(&taken)) {
+                logger->FlushLogToFile(1, backup);
+                if (taken) s_threadLock.Unlock();
+            } else {
+                NoteUnflushed(scratch, "another thread waits for this thread to leave the log");
+            }
+        }
+    }
+    report.scratch = nullptr;
+    if (scratch != nullptr) munmap(scratch, sizeof(ReportScratch));
 }
 
 }  // namespace
@@ -1597,21 +1872,44 @@ void InvokeDefaultHndlr(struct sigaction* oldAction, int sig, siginfo_t* info, v
     }
 }
 
-// Runs on the faulting thread with the process in an unknown state. Every dump line is written
-// with its own open and close, so what reached the file survives a second fault.
+// Runs on the faulting thread with the process in an unknown state. Its own frame stays small:
+// it is still there while the previous handler runs.
 void SignalCatcher(int sig, siginfo_t* info, void* context) {
-    // A second fault while this thread is already reporting one (a corrupt heap that aborts inside
-    // the flush, say) goes straight on: reporting again could wait for ever on the pool lock that
-    // the first report holds.
-    thread_local bool t_reporting = false;
-    if (t_reporting) {
+    ReportState& report = t_report;
+    if (report.active) {
+        // The watchdog: the report has run too long.
+        if (report.stop != nullptr && info != nullptr && info->si_code == SI_TIMER &&
+            info->si_value.sival_ptr == report.stop) {
+            siglongjmp(*report.stop, 1);
+        }
+        // A second fault while this thread is already reporting one (a corrupt heap that aborts
+        // inside the flush, say) goes straight on: reporting again could wait for ever on a lock
+        // that the first report holds.
         if (struct sigaction* previous = SavedAction(sig))
             InvokeDefaultHndlr(previous, sig, info, context);
         return;
     }
-    t_reporting = true;
-    ReportAndFlush(sig, info);
-    t_reporting = false;
+    report.active = true;
+    sigjmp_buf stop;
+    if (sigsetjmp(stop, 1) == 0) {
+        report.stop = &stop;
+        // Signal 35 is no crash: the process goes on, and must not be left with a lock or the
+        // allocator's state cut off halfway.
+        if (sig != kDebuggerSignal) ArmWatchdog(report, sig);
+        ReportCrash(sig, info, context, report);
+    } else {
+        OFFLINE_LOGE("Offlinelog crash report stopped after %d s", kReportSeconds);
+        if (report.scratch != nullptr && report.scratch->dumpPath[0] != '\0') {
+            char line[160];
+            snprintf(line, sizeof(line), "%s F DEBUG   : crash report stopped after %d s\n",
+                     report.scratch->stamp, kReportSeconds);
+            AppendToDump(report.scratch->dumpPath, line);
+        }
+    }
+    DisarmWatchdog(report);
+    report.stop = nullptr;
+    report.scratch = nullptr;
+    report.active = false;
 
     struct sigaction* previous = SavedAction(sig);
     if (previous == nullptr) {
@@ -1620,79 +1918,6 @@ void SignalCatcher(int sig, siginfo_t* info, void* context) {
     }
     InvokeDefaultHndlr(previous, sig, info, context);
 }
-
-namespace {
-
-__attribute__((always_inline)) inline void ReportAndFlush(int sig, siginfo_t* info) {
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm localStorage = {};
-    const tm* local = localtime_r(&now.tv_sec, &localStorage);
-    VxCamOfflineLogger* logger = s_crashLogger.load();
-    if (logger == nullptr) {
-        logger = VxCamOfflineLogger::GetInstance(OfflineLog);
-        s_crashLogger.store(logger);
-    }
-
-    char stamp[100] = "";
-    if (local != nullptr) {
-        snprintf(stamp, sizeof(stamp), "%02d-%02d %02d:%02d:%02d:%09ld  %4d  %4d",
-                 local->tm_mon + 1, local->tm_mday, local->tm_hour, local->tm_min, local->tm_sec,
-                 now.tv_nsec, getpid(), gettid());
-        char header[1024];
-        snprintf(header, sizeof(header),
-                 "%s F DEBUG   : *** *** *** *** *** *** *** *** *** *** *** *** *** *** *** ***\n"
-                 "%s F DEBUG   : pid: %d, tid: %d\n"
-                 "%s F DEBUG   : signal %d, code %d, fault addr %p\n"
-                 "%s F DEBUG   : *** *** *** *** *** *** *** *** *** *** *** *** *** *** *** ***\n",
-                 stamp, stamp, getpid(), gettid(), stamp, info != nullptr ? info->si_signo : sig,
-                 info != nullptr ? info->si_code : 0, info != nullptr ? info->si_addr : nullptr,
-                 stamp);
-        if (logger != nullptr) logger->AddLog(header, static_cast<unsigned int>(strlen(header)));
-    }
-
-    android::CallStack stack;
-    stack.update(1, BACKTRACE_CURRENT_THREAD);
-    char frames[4096];
-    strlcpy(frames, stack.toString(nullptr).c_str(), sizeof(frames));
-    const std::string root = VxCamPort::ResolveDevicePath(kDeviceRoot);
-    const std::string dumpPath =
-            (logger != nullptr ? logger->GetCurrentSessionPrefixFilename() : root + "/") +
-            "_Crash_Dump.log";
-    char* cursor = nullptr;
-    int piece = 0;
-    for (char* frame = strtok_r(frames, "#", &cursor); frame != nullptr;
-         frame = strtok_r(nullptr, "#", &cursor)) {
-        if (piece++ < 2) continue;  // the catcher's own frames
-        char line[1024];
-        if (local != nullptr) {
-            snprintf(line, sizeof(line), "%s F DEBUG   : #%s", stamp, frame);
-        } else {
-            snprintf(line, sizeof(line), "F DEBUG   : #%s", frame);
-        }
-        if (sig != kDebuggerSignal && logger != nullptr) {
-            logger->AddLog(line, static_cast<unsigned int>(strlen(line)));
-        }
-        if (FILE* dump = fopen(dumpPath.c_str(), "a+")) {
-            fputs(line, dump);
-            fclose(dump);
-        }
-    }
-
-    if (logger != nullptr) {
-        const double freeMB = logger->GetAvailableSpace(root.c_str());
-        const int minimumMB = logger->GetMinimumRequireForBackupLog();
-        const int backupEnabled = logger->GetEnableBackupLogWhileCrash();
-        if (sig == kDebuggerSignal) {
-            logger->SetSignal35TombstoneTriggered();
-        } else {
-            const int backup = freeMB > static_cast<double>(minimumMB) && backupEnabled == 1;
-            logger->FlushLogToFile(1, backup);
-        }
-    }
-}
-
-}  // namespace
 
 // ---- Entry table --------------------------------------------------------------------------------
 // Invalid types reach no logger: the functions return 0 or do nothing.
