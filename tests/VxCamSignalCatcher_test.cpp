@@ -250,7 +250,8 @@ TEST(SignalCatcher, ReportsFlushesBacksUpAndChains) {
         const std::string firstFrame = dump.substr(0, dump.find('\n'));
         EXPECT_NE(firstFrame.find(" F DEBUG   : #0"), std::string::npos) << dump;
         EXPECT_NE(firstFrame.find("(syscall+"), std::string::npos) << dump;
-        EXPECT_EQ(dump.find("SignalCatcher"), std::string::npos) << dump;
+        EXPECT_EQ(dump.find("(VxCam::SignalCatcher("), std::string::npos) << dump;
+        EXPECT_EQ(dump.find("ReportCrash("), std::string::npos) << dump;
         EXPECT_EQ(dump.find("*** ***"), std::string::npos) << "the header stays out of the dump";
 
         const std::string logs = session.empty() ? "" : TextLogs(session);

@@ -408,6 +408,9 @@ std::string Timestamp() {
     timeval now = {};
     gettimeofday(&now, nullptr);
     tm local = {};
+    // localtime_r, unlike localtime, does not look at the time zone again: names follow a change
+    // of zone only with tzset first.
+    tzset();
     if (localtime_r(&now.tv_sec, &local) == nullptr) return std::string();
     char text[kTimestampSize];
     snprintf(text, sizeof(text), "%2d-%02d-%02d--%02d-%02d-%02d-%06ld", local.tm_year + 1900,
