@@ -174,7 +174,8 @@ TEST(OsUtilsFiles, RoundTripAndFailures) {
     ASSERT_NE(file, nullptr);
     EXPECT_EQ(OsUtils::FPrintF(file, "%s-%d", "abc", 42), 6);
     EXPECT_EQ(OsUtils::FWrite("xyz", 1, 3, file), 3u);
-    EXPECT_EQ(OsUtils::FFlush(file), 0);
+    EXPECT_EQ(OsUtils::FFlush(nullptr), 0);  // as fflush(NULL): every stream, this one included
+    EXPECT_EQ(OsUtils::GetFileSize(path.c_str()), 9u);
     EXPECT_EQ(OsUtils::FTell(file), 9);
     EXPECT_EQ(OsUtils::FSeek(file, 0, SEEK_SET), 0);
     char text[16] = {};

@@ -106,7 +106,8 @@ int OsUtils::GetPropertyINT32(const char* key, int defaultValue) {
 }
 
 // ---- Files ---------------------------------------------------------------------------------
-// Null streams are refused here rather than handed to libc, which would fault on them.
+// Null streams are refused here rather than handed to libc, which would fault on them. Calls that
+// libc defines for null (fflush) pass it on.
 
 int OsUtils::Stat(const char* path, struct stat64* info) {
     if (path == nullptr || info == nullptr) return 1;
@@ -176,7 +177,8 @@ size_t OsUtils::FWrite(const void* buffer, size_t elementSize, size_t count, FIL
 }
 
 int OsUtils::FFlush(FILE* stream) {
-    return stream != nullptr ? Status(fflush(stream)) : 1;
+    // Null flushes every output stream of the process.
+    return Status(fflush(stream));
 }
 
 const char* OsUtils::GetFileName(const char* path) {
@@ -363,7 +365,6 @@ void* OsUtils::LoadPreBuiltLibrary(const char* libraryName, const char* symbolNa
                                    void** phLibrary) {
     if (phLibrary == nullptr) return nullptr;
     *phLibrary = nullptr;
-    if (libraryName == nullptr || symbolName == nullptr) return nullptr;
     std::string directory;
     try {
         directory = VxCamPort::ResolveDevicePath(kPrebuiltLibraryDirectory);
@@ -371,7 +372,10 @@ void* OsUtils::LoadPreBuiltLibrary(const char* libraryName, const char* symbolNa
         return nullptr;
     }
     char path[kLibraryPathSize] = {};
-    SNPrintF(path, sizeof(path), "%s%s%s.%s", directory.c_str(), "/", libraryName, "so");
+    // A null name is spelled "(null)", as bionic and glibc print it: it names no library, and the
+    // open fails and is logged like any other.
+    SNPrintF(path, sizeof(path), "%s%s%s.%s", directory.c_str(), "/",
+             libraryName != nullptr ? libraryName : "(null)", "so");
     // Through LibMap and LibGetAddr so that a failure is reported exactly as theirs would be.
     void* handle = LibMap(path);
     if (handle == nullptr) return nullptr;
@@ -381,15 +385,23 @@ void* OsUtils::LoadPreBuiltLibrary(const char* libraryName, const char* symbolNa
 }
 
 void* OsUtils::LibMap(const char* libraryPath) {
-    // dlopen(nullptr) would hand out the main program, which is not what a caller asked for.
-    if (libraryPath == nullptr) return nullptr;
+    // A null path is the main program, as dlopen defines it.
     void* handle = dlopen(libraryPath, RTLD_NOW);
-    if (handle == nullptr) VXCAM_LOGE(UTILS, "dlopen: %s, on '%s'", LoaderError(), libraryPath);
+    if (handle == nullptr) {
+        VXCAM_LOGE(UTILS, "dlopen: %s, on '%s'", LoaderError(),
+                   libraryPath != nullptr ? libraryPath : "(null)");
+    }
     return handle;
 }
 
 void* OsUtils::LibGetAddr(void* hLibrary, const char* symbolName) {
-    if (hLibrary == nullptr || symbolName == nullptr) return nullptr;
+    if (hLibrary == nullptr) return nullptr;
+    // glibc's dlsym faults on a null name (bionic's refuses it): it fails here as a missing
+    // symbol would, with no loader text to report.
+    if (symbolName == nullptr) {
+        VXCAM_LOGE(UTILS, "Error: dlsym(%s): %s", "(null)", "N/A");
+        return nullptr;
+    }
     void* address = dlsym(hLibrary, symbolName);
     if (address == nullptr) VXCAM_LOGE(UTILS, "Error: dlsym(%s): %s", symbolName, LoaderError());
     return address;
