@@ -16,6 +16,7 @@
 #include <sys/sysinfo.h>
 #include <sys/time.h>
 #include <sys/utsname.h>
+#include <time.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -43,6 +44,13 @@ constexpr int kLevelPriority[] = {ANDROID_LOG_DEBUG, ANDROID_LOG_ERROR, ANDROID_
 
 int Status(int result) {
     return result == 0 ? 0 : 1;
+}
+
+// localtime_r, unlike localtime, need not read the time zone again: without tzset first, a zone
+// changed while the camera runs would not show until the process restarts. Both are thread-safe.
+tm* LocalTime(const time_t* seconds, tm* local) {
+    tzset();
+    return localtime_r(seconds, local);
 }
 
 void FillCalendar(VxCamDateTime* dateTime, const tm& local) {
@@ -336,7 +344,7 @@ void OsUtils::GetDateTime(VxCamDateTime* dateTime) {
     timeval now = {};
     if (gettimeofday(&now, nullptr) != 0) return;
     tm local = {};
-    if (localtime_r(&now.tv_sec, &local) == nullptr) return;
+    if (LocalTime(&now.tv_sec, &local) == nullptr) return;
     dateTime->seconds = now.tv_sec;
     dateTime->fraction = now.tv_usec;
     FillCalendar(dateTime, local);
@@ -346,7 +354,7 @@ void OsUtils::GetDateTime(VxCamDateTime* dateTime, long milliseconds) {
     if (dateTime == nullptr) return;
     const time_t seconds = milliseconds / 1000;
     tm local = {};
-    if (localtime_r(&seconds, &local) == nullptr) return;
+    if (LocalTime(&seconds, &local) == nullptr) return;
     dateTime->seconds = seconds;
     dateTime->fraction = milliseconds - seconds * 1000;
     FillCalendar(dateTime, local);
