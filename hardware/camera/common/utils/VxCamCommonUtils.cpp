@@ -489,6 +489,8 @@ static_assert(sizeof(void*) != 8 || sizeof(z_stream) == kZlibStreamSize,
 
 // Capacities of decompression buffers carry this much slack beyond the data.
 constexpr uint32_t kUncompressSlack = 128;
+// The most output whose estimate, slack included, fits the estimate's 32 bits.
+constexpr uLong kLargestEstimatedOutput = UINT32_MAX - kUncompressSlack;
 constexpr size_t kEstimateWindowSize = 4096;
 
 }  // namespace
@@ -604,6 +606,13 @@ int OsUtils::FindEstimatedSizeOfUnCompressed(const uint8_t* pInputStream, uint32
         stream.next_out = window;
         stream.avail_out = sizeof(window);
         result = inflate(&stream, Z_NO_FLUSH);
+        // Past the largest output the estimate would wrap to a small value, which a host would
+        // allocate and overrun. The stream fails as one whose output does not fit, as soon as that
+        // is known: a stream of any length costs at most 4 GiB of inflating.
+        if ((result == Z_OK || result == Z_STREAM_END) &&
+            stream.total_out > kLargestEstimatedOutput) {
+            result = Z_BUF_ERROR;
+        }
         switch (result) {
             case Z_OK:
                 break;
