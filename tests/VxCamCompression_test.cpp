@@ -124,10 +124,22 @@ TEST(Compression, FailuresAndTheirLines) {
     EXPECT_EQ(Compress(Random(16, 256), &stream), 1);
     EXPECT_EQ(stream.size(), 16u);
     EXPECT_TRUE(log.Has("Compress() deflateEnd failed rc =-3"));
+    // A missing argument is named, and the value printed is never a live pointer's.
     uint32_t length = 0;
     uint8_t* none = nullptr;
-    EXPECT_EQ(OsUtils::Compress(stream.data(), 16, &none, &length), 1);
-    EXPECT_TRUE(log.Has("Compress() Invalid *ppOutputStream  =0"));
+    uint8_t* buffer = stream.data();
+    const struct {
+        uint8_t** output;
+        uint32_t* length;
+        std::string line;
+    } invalid[] = {{&none, &length, "Compress() Invalid *ppOutputStream  =0"},
+                   {&buffer, nullptr, "Compress() Invalid pOutputLength  =0"}};
+    for (const auto& c : invalid) {
+        log.Clear();
+        EXPECT_EQ(OsUtils::Compress(stream.data(), 16, c.output, c.length), 1);
+        ASSERT_EQ(log.Messages().size(), 1u);
+        EXPECT_TRUE(log.Has(c.line)) << log.Messages()[0];
+    }
 
     Bytes valid, output;
     ASSERT_EQ(Compress(Random(10000, 4), &valid), 0);

@@ -498,9 +498,13 @@ constexpr size_t kEstimateWindowSize = 4096;
 int OsUtils::Compress(const uint8_t* pInputStream, uint32_t inputLength, uint8_t** ppOutputStream,
                       uint32_t* pOutputLength) {
     uint8_t* output = ppOutputStream != nullptr ? *ppOutputStream : nullptr;
-    if (output == nullptr || pOutputLength == nullptr) {
-        VXCAM_LOGI(UTILS, "Invalid *ppOutputStream  =%d",
-                   static_cast<int>(reinterpret_cast<uintptr_t>(output)));
+    // Each line prints the null it found as a number: 0.
+    if (output == nullptr) {
+        VXCAM_LOGI(UTILS, "Invalid *ppOutputStream  =%d", 0);
+        return 1;
+    }
+    if (pOutputLength == nullptr) {
+        VXCAM_LOGI(UTILS, "Invalid pOutputLength  =%d", 0);
         return 1;
     }
     z_stream stream = {};
