@@ -255,6 +255,7 @@ TEST(Platform, SelfSignals) {
     EXPECT_EQ(SignalInChild([] { OsUtils::RaiseSignalAbort(); }), SIGABRT);
     // On a device debuggerd's handler does the dump; here a stand-in counts the request.
     struct sigaction counting = {}, previous = {};
+    s_debuggerSignals = 0;  // counted afresh when the test is run again in the same process
     counting.sa_handler = [](int) { s_debuggerSignals = s_debuggerSignals + 1; };
     ASSERT_EQ(sigaction(35, &counting, &previous), 0);
     EXPECT_EQ(OsUtils::DumpCallStacksForAllThreads(), 0);
