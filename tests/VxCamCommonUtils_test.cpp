@@ -5,7 +5,9 @@
 #include <cutils/properties.h>
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -108,28 +110,51 @@ TEST(OsUtilsNames, GetFilesFromPathMatchesFiveOrSixTokensAfterCom) {
     EXPECT_EQ(*cut.begin(), (d + "/com.q.b.c.d").substr(0, slot - 1));
 }
 
-TEST(OsUtilsTime, DateTimeFromMillisecondsKeepsTheSignedRemainder) {
+// Local time is that of the zone in force at the call, as localtime gives it: a zone changed while
+// the process runs applies at once.
+TEST(OsUtilsTime, DateTimeFollowsTheZoneAndKeepsTheSignedRemainder) {
+    const char* savedZone = getenv("TZ");
+    const std::string saved = savedZone != nullptr ? savedZone : "";
+    const bool hadZone = savedZone != nullptr;
+    struct Zone {
+        const char* tz;
+        long offset;
+        int hourAtEpoch;
+    };
     struct Case {
         long milliseconds;
         int64_t seconds;
         int64_t fraction;
     };
-    for (const Case& c : {Case{1500, 1, 500}, Case{-1500, -1, -500}, Case{999, 0, 999},
-                          Case{1700000000123, 1700000000, 123}}) {
-        VxCam::VxCamDateTime record = {};
-        OsUtils::GetDateTime(&record, c.milliseconds);
-        EXPECT_EQ(record.seconds, c.seconds);
-        EXPECT_EQ(record.fraction, c.fraction);
-        tm local = {};
-        const time_t seconds = c.seconds;
-        localtime_r(&seconds, &local);
-        EXPECT_EQ(record.year, local.tm_year);
-        EXPECT_EQ(record.month, local.tm_mon);
-        EXPECT_EQ(record.dayOfMonth, local.tm_mday);
-        EXPECT_EQ(record.hour, local.tm_hour);
-        EXPECT_EQ(record.dayOfYear, local.tm_yday);
-        EXPECT_EQ(record.gmtOffset, local.tm_gmtoff);
+    for (const Zone& zone : {Zone{"UTC0", 0, 0}, Zone{"VXT-5", 18000, 5},
+                             Zone{"VXT+3:30", -12600, 20}, Zone{"UTC0", 0, 0}}) {
+        SCOPED_TRACE(zone.tz);
+        setenv("TZ", zone.tz, 1);
+        VxCam::VxCamDateTime now = {};
+        OsUtils::GetDateTime(&now);
+        EXPECT_EQ(now.gmtOffset, zone.offset);
+        for (const Case& c : {Case{1500, 1, 500}, Case{-1500, -1, -500}, Case{999, 0, 999},
+                              Case{1700000000123, 1700000000, 123}}) {
+            VxCam::VxCamDateTime record = {};
+            OsUtils::GetDateTime(&record, c.milliseconds);
+            EXPECT_EQ(record.seconds, c.seconds);
+            EXPECT_EQ(record.fraction, c.fraction);
+            EXPECT_EQ(record.gmtOffset, zone.offset);
+            if (c.seconds == 1) {
+                EXPECT_EQ(record.hour, zone.hourAtEpoch);
+            }
+            tm local = {};
+            const time_t seconds = c.seconds;
+            localtime_r(&seconds, &local);
+            EXPECT_EQ(record.year, local.tm_year);
+            EXPECT_EQ(record.month, local.tm_mon);
+            EXPECT_EQ(record.dayOfMonth, local.tm_mday);
+            EXPECT_EQ(record.hour, local.tm_hour);
+            EXPECT_EQ(record.dayOfYear, local.tm_yday);
+        }
     }
+    hadZone ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ");
+    tzset();
 }
 
 TEST(OsUtilsTime, WallClockAndBootClock) {
@@ -174,7 +199,8 @@ TEST(OsUtilsFiles, RoundTripAndFailures) {
     ASSERT_NE(file, nullptr);
     EXPECT_EQ(OsUtils::FPrintF(file, "%s-%d", "abc", 42), 6);
     EXPECT_EQ(OsUtils::FWrite("xyz", 1, 3, file), 3u);
-    EXPECT_EQ(OsUtils::FFlush(file), 0);
+    EXPECT_EQ(OsUtils::FFlush(nullptr), 0);  // as fflush(NULL): every stream, this one included
+    EXPECT_EQ(OsUtils::GetFileSize(path.c_str()), 9u);
     EXPECT_EQ(OsUtils::FTell(file), 9);
     EXPECT_EQ(OsUtils::FSeek(file, 0, SEEK_SET), 0);
     char text[16] = {};

@@ -2,10 +2,13 @@
 // lines, and streams exchanged with another zlib user (Python's zlib module).
 #include "VxCamCommonUtils.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
+#include <zlib.h>
 
+#include <atomic>
 #include <random>
 #include <string>
 #include <vector>
@@ -16,6 +19,20 @@
 // Failed streams keep zlib's memory on purpose; LeakSanitizer, when present, is told so.
 extern "C" void __lsan_disable() __attribute__((weak));
 extern "C" void __lsan_enable() __attribute__((weak));
+
+// zlib's inflate, with the output count of a fresh stream starting at s_inflatedBefore: the
+// library's calls bind to this definition of the test program before zlib's. A real stream that
+// inflates past 4 GiB takes ten seconds and more to run through.
+namespace {
+std::atomic<uLong> s_inflatedBefore{0};
+}  // namespace
+
+extern "C" int inflate(z_streamp stream, int flush) {
+    using Real = int (*)(z_streamp, int);
+    static const Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "inflate"));
+    if (stream->total_in == 0 && stream->total_out == 0) stream->total_out = s_inflatedBefore;
+    return real(stream, flush);
+}
 
 namespace {
 
@@ -107,10 +124,22 @@ TEST(Compression, FailuresAndTheirLines) {
     EXPECT_EQ(Compress(Random(16, 256), &stream), 1);
     EXPECT_EQ(stream.size(), 16u);
     EXPECT_TRUE(log.Has("Compress() deflateEnd failed rc =-3"));
+    // A missing argument is named, and the value printed is never a live pointer's.
     uint32_t length = 0;
     uint8_t* none = nullptr;
-    EXPECT_EQ(OsUtils::Compress(stream.data(), 16, &none, &length), 1);
-    EXPECT_TRUE(log.Has("Compress() Invalid *ppOutputStream  =0"));
+    uint8_t* buffer = stream.data();
+    const struct {
+        uint8_t** output;
+        uint32_t* length;
+        std::string line;
+    } invalid[] = {{&none, &length, "Compress() Invalid *ppOutputStream  =0"},
+                   {&buffer, nullptr, "Compress() Invalid pOutputLength  =0"}};
+    for (const auto& c : invalid) {
+        log.Clear();
+        EXPECT_EQ(OsUtils::Compress(stream.data(), 16, c.output, c.length), 1);
+        ASSERT_EQ(log.Messages().size(), 1u);
+        EXPECT_TRUE(log.Has(c.line)) << log.Messages()[0];
+    }
 
     Bytes valid, output;
     ASSERT_EQ(Compress(Random(10000, 4), &valid), 0);
@@ -132,6 +161,34 @@ TEST(Compression, FailuresAndTheirLines) {
         EXPECT_TRUE(log.Has(std::string("FindEstimatedSizeOfUnCompressed() Error rc = ") + code));
         EXPECT_EQ(UnCompress(*bad, 10128, &output), 1);
         EXPECT_TRUE(log.Has(std::string("UnCompress() Inflate Failed rc =") + code));
+    }
+}
+
+// The estimate is 32-bit and carries the slack: a stream that inflates to more would wrap to a
+// small estimate, which a host would allocate and overrun. It fails instead.
+TEST(Compression, EstimatesThatDoNotFitIn32BitsFail) {
+    Bytes stream;
+    ASSERT_EQ(Compress(Bytes(10000, 0), &stream), 0);
+    const struct {
+        uint64_t inflated;
+        int result;
+        uint32_t estimate;
+        const char* line;
+    } cases[] = {
+            {0xFFFFFFFFull - 128, 0, 0xFFFFFFFF,
+             "FindEstimatedSizeOfUnCompressed() rc = Z_STREAM_END"},
+            {0xFFFFFFFFull - 127, 1, 0, "FindEstimatedSizeOfUnCompressed() Error rc = -5"},
+            {0x100000000ull + 10000, 1, 0, "FindEstimatedSizeOfUnCompressed() Error rc = -5"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.inflated);
+        UtilsLinesShown log;
+        s_inflatedBefore = c.inflated - 10000;
+        int result = -1;
+        EXPECT_EQ(Estimate(stream, &result), c.estimate);
+        s_inflatedBefore = 0;
+        EXPECT_EQ(result, c.result);
+        EXPECT_TRUE(log.Has(c.line));
     }
 }
 

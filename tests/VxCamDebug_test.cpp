@@ -6,12 +6,19 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
+#include <stdlib.h>
 
+#include <filesystem>
+#include <map>
+#include <regex>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "TestSupport.h"
 #include "VxCamCommonUtils.h"
+#include "VxCamOfflineLogger.h"
 
 namespace {
 
@@ -198,6 +205,37 @@ TEST_F(DebugFrame, UpdateLogInfoReloadsClosesTheLogFileAndKeepsTheErrorMask) {
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].priority, ANDROID_LOG_INFO);
     EXPECT_EQ(lines[0].message.substr(0, 11), "VxCamDebug:");
+}
+
+// The offline copy of a line carries the local time of the zone in force when it is logged: a zone
+// changed while the camera runs applies at once. In a child, whose default logger starts on a
+// fresh sysroot.
+TEST_F(DebugFrame, OfflineCopiesFollowATimeZoneChange) {
+    const std::string savedRoot = getenv("VXCAM_SYSROOT") != nullptr ? getenv("VXCAM_SYSROOT") : "";
+    vxcamtest::TempDir root;
+    const vxcamtest::ChildEnd child = vxcamtest::RunInChild(root, [] {
+        LogCapture quiet;
+        VxCam::g_logInfo.offlineLogEnable = 1;
+        for (const char* zone : {"UTC0", "VXT-5"}) {
+            setenv("TZ", zone, 1);
+            // A new thread formats its time afresh, not within the second of the one before.
+            std::thread([zone] { VXCAM_LOGE(CORE, "zone %s", zone); }).join();
+        }
+        VxCam::VxCamOfflineLogger::GetInstance(VxCam::OfflineLog)->FlushLogToFile(1, 0);
+    });
+    setenv("VXCAM_SYSROOT", savedRoot.c_str(), 1);
+    EXPECT_EQ(child.exitCode, vxcamtest::kChildReturned);
+    std::map<std::string, int> hours;
+    const std::regex offlineLine("^\\d\\d-\\d\\d (\\d\\d):\\d\\d:\\d\\d:\\d{9} .* zone (\\S+)$");
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root.Path())) {
+        std::istringstream text(vxcamtest::ReadFile(entry.path().string()));
+        std::smatch match;
+        for (std::string line; std::getline(text, line);) {
+            if (std::regex_match(line, match, offlineLine)) hours[match[2]] = std::stoi(match[1]);
+        }
+    }
+    ASSERT_EQ(hours.size(), 2u);
+    EXPECT_EQ(hours["VXT-5"], (hours["UTC0"] + 5) % 24);
 }
 
 TEST_F(DebugFrame, GetFileNameGivesTheBaseName) {

@@ -220,8 +220,11 @@ TEST_F(ImageBufferSize, RulesAndTheJpegBound) {
     EXPECT_EQ(VxImageUtils::GetBufferSize(Jpeg, 2000, 2000, false), 1003520u);
     EXPECT_EQ(VxImageUtils::GetBufferSize(Jpgr, 2000, 2000, false), 1000001u);
     EXPECT_EQ(VxImageUtils::GetBufferSize(Jpgr, 1000, 1000, false), 1000000u);
+    // The rounding is 32-bit like the rest of the geometry: within the last 4096 it wraps to 0.
     VxImageUtils::SetMaxJpegSize(0xFFFFFFFF);
-    EXPECT_EQ(VxImageUtils::GetBufferSize(Blob, 0xFFFFFFFF, 1, false), 0x100000000u);
+    EXPECT_EQ(VxImageUtils::GetBufferSize(Blob, 0xFFFFF000, 1, false), 0xFFFFF000u);
+    EXPECT_EQ(VxImageUtils::GetBufferSize(Blob, 0xFFFFF001, 1, false), 0u);
+    EXPECT_EQ(VxImageUtils::GetBufferSize(Jpeg, 0xFFFFFFFF, 1, false), 0u);
 }
 
 TEST(JpegBlobTrailer, ReadsTheSizeOnlyBehindAKnownBlobId) {

@@ -9,6 +9,7 @@
 #include <sys/time.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -227,10 +228,13 @@ TEST(MetaDumpText, LensShadingTableLayout) {
                                             " =======LSC Table Gr=======\n\n\n"
                                             " =======LSC Table Gb=======\n\n\n"
                                             " =======LSC Table B=======\n\n\n");
-    // A grid larger than the 1024 values of a channel stops at its end.
+    // The channels lie back to back: a grid larger than 1024 values reads on into the next
+    // channel, and only the last one, which would read past the table, ends its rows early.
     const std::string large = LensShadingText(40, 40);
-    EXPECT_NE(large.find("511.500000, \n" + std::string(14, '\n') + " =======LSC Table Gr"),
-              std::string::npos);
+    const size_t gr = large.find(" =======LSC Table Gr");
+    EXPECT_EQ(std::count(large.begin(), large.begin() + gr, ','), 1600);
+    EXPECT_EQ(large.substr(gr - 13, 13), "387.500000, \n");  // Gr's 576th value
+    EXPECT_EQ(large.substr(large.size() - 27), "811.500000, \n" + std::string(14, '\n'));
 }
 
 }  // namespace

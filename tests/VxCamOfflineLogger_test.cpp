@@ -527,6 +527,9 @@ TEST_F(OfflineLoggerTest, DebugFrameFeedsTheDefaultLogger) {
 // whose parent thread had logged before.
 TEST_F(OfflineLoggerTest, DebugFrameLinesOfAForkedChildCarryItsIds) {
     VxCamOfflineLogger* logger = VxCamOfflineLogger::GetInstance(OfflineLog);
+    // The process's logger may hold a session begun under an earlier test's root, since deleted:
+    // a camera close ends it, and the child's flush begins the next one under this test's root.
+    logger->NotifyCameraClose();
     const DebugLogInfo saved = g_logInfo;
     g_logInfo.offlineLogEnable = 1;
     g_logInfo.infoMask = 0xFFFFFFFF;

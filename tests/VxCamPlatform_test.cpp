@@ -53,18 +53,40 @@ TEST(Platform, PrebuiltLibraryFromTheVendorFolder) {
     ASSERT_NE(answer, nullptr);
     EXPECT_EQ(answer(), 42);
     EXPECT_EQ(OsUtils::LibUnmap(handle), 0);
-    handle = nullptr;  // a missing symbol still hands over the open library
-    EXPECT_EQ(OsUtils::LoadPreBuiltLibrary("libvxcamfixture", "Absent", &handle), nullptr);
-    EXPECT_NE(OsUtils::LibGetAddr(handle, "VxCamFixtureAnswer"), nullptr);
-    EXPECT_EQ(OsUtils::LibUnmap(handle), 0);
-    EXPECT_TRUE(log.Has("[ERROR   ][UTILS  ] VxCamCommonUtils.cpp:"));
-    EXPECT_TRUE(log.Has(" LibGetAddr() Error: dlsym(Absent): "));
-    handle = &handle;
-    EXPECT_EQ(OsUtils::LoadPreBuiltLibrary("libabsent", "VxCamFixtureAnswer", &handle), nullptr);
-    EXPECT_EQ(handle, nullptr);
-    EXPECT_TRUE(log.Has(" LibMap() dlopen: "));
-    EXPECT_TRUE(log.Has(", on '" + std::string(getenv("VXCAM_SYSROOT")) +
-                        "/vendor/lib64/libabsent.so'"));
+
+    // Every failure logs the loader's line, null names included. A symbol that is not found
+    // still hands over the open library; a library that is not found hands over nothing.
+    const std::string lib64 = std::string(getenv("VXCAM_SYSROOT")) + "/vendor/lib64/";
+    const struct {
+        const char* library;
+        const char* symbol;
+        bool opened;
+        std::string call, detail;
+    } failures[] = {
+            {"libvxcamfixture", "Absent", true, " LibGetAddr() Error: dlsym(Absent): ", ""},
+            {"libvxcamfixture", nullptr, true, " LibGetAddr() Error: dlsym((null)): ", ""},
+            {"libabsent", "VxCamFixtureAnswer", false,
+             " LibMap() dlopen: ", ", on '" + lib64 + "libabsent.so'"},
+            {nullptr, "VxCamFixtureAnswer", false,
+             " LibMap() dlopen: ", ", on '" + lib64 + "(null).so'"},
+    };
+    for (const auto& f : failures) {
+        SCOPED_TRACE(f.call + f.detail);
+        log.Clear();
+        handle = &handle;
+        EXPECT_EQ(OsUtils::LoadPreBuiltLibrary(f.library, f.symbol, &handle), nullptr);
+        EXPECT_TRUE(log.Has("[ERROR   ][UTILS  ] VxCamCommonUtils.cpp:"));
+        EXPECT_TRUE(log.Has(f.call));
+        EXPECT_TRUE(log.Has(f.detail));
+        EXPECT_EQ(handle != nullptr, f.opened);
+        if (handle == nullptr) continue;
+        EXPECT_NE(OsUtils::LibGetAddr(handle, "VxCamFixtureAnswer"), nullptr);
+        EXPECT_EQ(OsUtils::LibUnmap(handle), 0);
+    }
+    // No path is the main program, as for dlopen.
+    void* program = OsUtils::LibMap(nullptr);
+    EXPECT_NE(OsUtils::LibGetAddr(program, "ChiOfflineLogEntry"), nullptr);
+    EXPECT_EQ(OsUtils::LibUnmap(program), 0);
     log.Clear();
     EXPECT_EQ(OsUtils::LibGetAddr(nullptr, "VxCamFixtureAnswer"), nullptr);
     EXPECT_EQ(OsUtils::LibUnmap(nullptr), 3);
@@ -233,6 +255,7 @@ TEST(Platform, SelfSignals) {
     EXPECT_EQ(SignalInChild([] { OsUtils::RaiseSignalAbort(); }), SIGABRT);
     // On a device debuggerd's handler does the dump; here a stand-in counts the request.
     struct sigaction counting = {}, previous = {};
+    s_debuggerSignals = 0;  // counted afresh when the test is run again in the same process
     counting.sa_handler = [](int) { s_debuggerSignals = s_debuggerSignals + 1; };
     ASSERT_EQ(sigaction(35, &counting, &previous), 0);
     EXPECT_EQ(OsUtils::DumpCallStacksForAllThreads(), 0);

@@ -16,6 +16,7 @@
 #include <sys/sysinfo.h>
 #include <sys/time.h>
 #include <sys/utsname.h>
+#include <time.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -43,6 +44,13 @@ constexpr int kLevelPriority[] = {ANDROID_LOG_DEBUG, ANDROID_LOG_ERROR, ANDROID_
 
 int Status(int result) {
     return result == 0 ? 0 : 1;
+}
+
+// localtime_r, unlike localtime, need not read the time zone again: without tzset first, a zone
+// changed while the camera runs would not show until the process restarts. Both are thread-safe.
+tm* LocalTime(const time_t* seconds, tm* local) {
+    tzset();
+    return localtime_r(seconds, local);
 }
 
 void FillCalendar(VxCamDateTime* dateTime, const tm& local) {
@@ -106,7 +114,8 @@ int OsUtils::GetPropertyINT32(const char* key, int defaultValue) {
 }
 
 // ---- Files ---------------------------------------------------------------------------------
-// Null streams are refused here rather than handed to libc, which would fault on them.
+// Null streams are refused here rather than handed to libc, which would fault on them. Calls that
+// libc defines for null (fflush) pass it on.
 
 int OsUtils::Stat(const char* path, struct stat64* info) {
     if (path == nullptr || info == nullptr) return 1;
@@ -176,7 +185,8 @@ size_t OsUtils::FWrite(const void* buffer, size_t elementSize, size_t count, FIL
 }
 
 int OsUtils::FFlush(FILE* stream) {
-    return stream != nullptr ? Status(fflush(stream)) : 1;
+    // Null flushes every output stream of the process.
+    return Status(fflush(stream));
 }
 
 const char* OsUtils::GetFileName(const char* path) {
@@ -334,7 +344,7 @@ void OsUtils::GetDateTime(VxCamDateTime* dateTime) {
     timeval now = {};
     if (gettimeofday(&now, nullptr) != 0) return;
     tm local = {};
-    if (localtime_r(&now.tv_sec, &local) == nullptr) return;
+    if (LocalTime(&now.tv_sec, &local) == nullptr) return;
     dateTime->seconds = now.tv_sec;
     dateTime->fraction = now.tv_usec;
     FillCalendar(dateTime, local);
@@ -344,7 +354,7 @@ void OsUtils::GetDateTime(VxCamDateTime* dateTime, long milliseconds) {
     if (dateTime == nullptr) return;
     const time_t seconds = milliseconds / 1000;
     tm local = {};
-    if (localtime_r(&seconds, &local) == nullptr) return;
+    if (LocalTime(&seconds, &local) == nullptr) return;
     dateTime->seconds = seconds;
     dateTime->fraction = milliseconds - seconds * 1000;
     FillCalendar(dateTime, local);
@@ -363,7 +373,6 @@ void* OsUtils::LoadPreBuiltLibrary(const char* libraryName, const char* symbolNa
                                    void** phLibrary) {
     if (phLibrary == nullptr) return nullptr;
     *phLibrary = nullptr;
-    if (libraryName == nullptr || symbolName == nullptr) return nullptr;
     std::string directory;
     try {
         directory = VxCamPort::ResolveDevicePath(kPrebuiltLibraryDirectory);
@@ -371,7 +380,10 @@ void* OsUtils::LoadPreBuiltLibrary(const char* libraryName, const char* symbolNa
         return nullptr;
     }
     char path[kLibraryPathSize] = {};
-    SNPrintF(path, sizeof(path), "%s%s%s.%s", directory.c_str(), "/", libraryName, "so");
+    // A null name is spelled "(null)", as bionic and glibc print it: it names no library, and the
+    // open fails and is logged like any other.
+    SNPrintF(path, sizeof(path), "%s%s%s.%s", directory.c_str(), "/",
+             libraryName != nullptr ? libraryName : "(null)", "so");
     // Through LibMap and LibGetAddr so that a failure is reported exactly as theirs would be.
     void* handle = LibMap(path);
     if (handle == nullptr) return nullptr;
@@ -381,15 +393,23 @@ void* OsUtils::LoadPreBuiltLibrary(const char* libraryName, const char* symbolNa
 }
 
 void* OsUtils::LibMap(const char* libraryPath) {
-    // dlopen(nullptr) would hand out the main program, which is not what a caller asked for.
-    if (libraryPath == nullptr) return nullptr;
+    // A null path is the main program, as dlopen defines it.
     void* handle = dlopen(libraryPath, RTLD_NOW);
-    if (handle == nullptr) VXCAM_LOGE(UTILS, "dlopen: %s, on '%s'", LoaderError(), libraryPath);
+    if (handle == nullptr) {
+        VXCAM_LOGE(UTILS, "dlopen: %s, on '%s'", LoaderError(),
+                   libraryPath != nullptr ? libraryPath : "(null)");
+    }
     return handle;
 }
 
 void* OsUtils::LibGetAddr(void* hLibrary, const char* symbolName) {
-    if (hLibrary == nullptr || symbolName == nullptr) return nullptr;
+    if (hLibrary == nullptr) return nullptr;
+    // glibc's dlsym faults on a null name (bionic's refuses it): it fails here as a missing
+    // symbol would, with no loader text to report.
+    if (symbolName == nullptr) {
+        VXCAM_LOGE(UTILS, "Error: dlsym(%s): %s", "(null)", "N/A");
+        return nullptr;
+    }
     void* address = dlsym(hLibrary, symbolName);
     if (address == nullptr) VXCAM_LOGE(UTILS, "Error: dlsym(%s): %s", symbolName, LoaderError());
     return address;
@@ -469,6 +489,8 @@ static_assert(sizeof(void*) != 8 || sizeof(z_stream) == kZlibStreamSize,
 
 // Capacities of decompression buffers carry this much slack beyond the data.
 constexpr uint32_t kUncompressSlack = 128;
+// The most output whose estimate, slack included, fits the estimate's 32 bits.
+constexpr uLong kLargestEstimatedOutput = UINT32_MAX - kUncompressSlack;
 constexpr size_t kEstimateWindowSize = 4096;
 
 }  // namespace
@@ -476,9 +498,13 @@ constexpr size_t kEstimateWindowSize = 4096;
 int OsUtils::Compress(const uint8_t* pInputStream, uint32_t inputLength, uint8_t** ppOutputStream,
                       uint32_t* pOutputLength) {
     uint8_t* output = ppOutputStream != nullptr ? *ppOutputStream : nullptr;
-    if (output == nullptr || pOutputLength == nullptr) {
-        VXCAM_LOGI(UTILS, "Invalid *ppOutputStream  =%d",
-                   static_cast<int>(reinterpret_cast<uintptr_t>(output)));
+    // Each line prints the null it found as a number: 0.
+    if (output == nullptr) {
+        VXCAM_LOGI(UTILS, "Invalid *ppOutputStream  =%d", 0);
+        return 1;
+    }
+    if (pOutputLength == nullptr) {
+        VXCAM_LOGI(UTILS, "Invalid pOutputLength  =%d", 0);
         return 1;
     }
     z_stream stream = {};
@@ -584,6 +610,13 @@ int OsUtils::FindEstimatedSizeOfUnCompressed(const uint8_t* pInputStream, uint32
         stream.next_out = window;
         stream.avail_out = sizeof(window);
         result = inflate(&stream, Z_NO_FLUSH);
+        // Past the largest output the estimate would wrap to a small value, which a host would
+        // allocate and overrun. The stream fails as one whose output does not fit, as soon as that
+        // is known: a stream of any length costs at most 4 GiB of inflating.
+        if ((result == Z_OK || result == Z_STREAM_END) &&
+            stream.total_out > kLargestEstimatedOutput) {
+            result = Z_BUF_ERROR;
+        }
         switch (result) {
             case Z_OK:
                 break;

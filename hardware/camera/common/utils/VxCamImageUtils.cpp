@@ -141,9 +141,9 @@ uint64_t VxImageUtils::GetBufferSize(ImageFormat format, uint32_t width, uint32_
         case SizeRule::WH:
             return pixels;
         case SizeRule::Jpeg4K: {
-            // 64-bit so that a maximum near 4 GiB cannot round up to 0.
-            const uint64_t bounded = std::min(pixels, s_maxJpegSize.load(std::memory_order_relaxed));
-            return (bounded + 4095u) & ~uint64_t{4095};
+            // 32-bit like every other geometry value: a bound within 4095 of 4 GiB rounds up to 0.
+            const uint32_t bounded = std::min(pixels, s_maxJpegSize.load(std::memory_order_relaxed));
+            return (bounded + 4095u) & ~uint32_t{4095};
         }
         case SizeRule::JpegPlain:
             return std::min(pixels, s_maxJpegSize.load(std::memory_order_relaxed));

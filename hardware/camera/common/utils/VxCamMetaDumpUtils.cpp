@@ -216,14 +216,18 @@ void VxCamMetaDumpUtils::dumpLensShadingTable(FILE* stream, int /*unused*/, int3
     OsUtils::FPrintF(stream, "nLscChannelLength:%d\n", channelLength);
     OsUtils::FPrintF(stream, "lsc_width:%d\n", width);
     OsUtils::FPrintF(stream, "lsc_height:%d\n\n", height);
+    // The four channels lie back to back in one block: a grid larger than a channel's 1024 values
+    // reads on into the next channel. Only the end of the block bounds the rows: the last channel
+    // ends its rows early rather than read past the table.
+    constexpr int64_t kTableSize = 4 * 1024;
+    const float* values = table[0];
     for (int channel = 0; channel < 4; ++channel) {
         OsUtils::FPrintF(stream, "%s", kHeadings[channel]);
         for (int64_t row = 0; row < height; ++row) {
             for (int64_t column = 0; column < width; ++column) {
-                // A grid larger than the table ends its rows early rather than read past it.
-                const int64_t index = row * width + column;
-                if (index >= 1024) break;
-                OsUtils::FPrintF(stream, "%.06f, ", static_cast<double>(table[channel][index]));
+                const int64_t index = channel * int64_t{1024} + row * width + column;
+                if (index >= kTableSize) break;
+                OsUtils::FPrintF(stream, "%.06f, ", static_cast<double>(values[index]));
             }
             OsUtils::FPrintF(stream, "\n");
         }
