@@ -77,6 +77,7 @@ struct ThreadLockState {
     uint8_t light;      // announce holds with a plain store (exclusive holders use membarrier)
     uint8_t counted;    // the outermost hold is in the shared counter, not in the slot
     uint8_t exclusive;  // an ExclusivePhase
+    uint8_t waiting;    // in the shared hold's slow path: counted in depth, not yet holding
 };
 // This thread's capture state as one thread-local: the lock state, and where its exported
 // per-type arrays live (found once, on its first line). The capture reaches everything it needs
@@ -113,6 +114,12 @@ void HeavyBarrier() {
     // The registration belongs to the address space; one that has lost it registers again.
     syscall(__NR_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0);
     syscall(__NR_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
+}
+
+// The crash report's wait: the count may still hold this thread's own hold, whichever side of
+// its release the signal came.
+void WaitAtMost(const std::atomic<uint32_t>& word, uint32_t own) {
+    while (word.load(std::memory_order_seq_cst) > own) sched_yield();
 }
 
 // Sequentially consistent: the load is the exclusive side's half of the handshake.
@@ -191,17 +198,26 @@ class OfflineLoggerThreadLock {
         *taken = false;
         if (self.exclusive == kExclusiveHeld) return true;
         if (self.exclusive != kExclusiveNone) return false;
+        // The signal may have come at any step of a shared hold, its release or its slow path
+        // (which takes the writers' mutex for a moment): whatever this thread shows in the lock,
+        // an exclusive holder waits for.
+        const bool visible = self.depth != 0 || self.waiting != 0 || self.counted != 0 ||
+                             (self.slot != nullptr && self.slot->inside.load() != 0);
         SetPhase(self, kExclusiveAcquiring);
-        if (self.depth == 0) {
+        if (!visible) {
             pthread_mutex_lock(&m_writerMutex);  // waits for other threads only
         } else if (pthread_mutex_trylock(&m_writerMutex) != 0) {
             SetPhase(self, kExclusiveNone);
             return false;
         }
-        DrainReaders(self);
+        DrainReaders(self, true);
         *taken = true;
         return true;
     }
+
+    // Whether the calling thread counts as holding the lock shared without holding it: a
+    // capture on it now would copy into a bucket that an exclusive holder may be writing.
+    bool WaitingForShared() const { return t_capture.lock.waiting != 0; }
 
     // Whether the calling thread holds the lock exclusively.
     bool HeldExclusivelyByThisThread() const { return t_capture.lock.exclusive == kExclusiveHeld; }
@@ -225,15 +241,22 @@ class OfflineLoggerThreadLock {
     }
 
     // With the writers' mutex held: shuts out new shared holds and waits for those under way.
-    void DrainReaders(ThreadLockState& self) {
+    // A crash report ignores this thread's own slot, whatever state the signal left it in, and
+    // takes the shared counter down to this thread's part of it at most.
+    void DrainReaders(ThreadLockState& self, bool forReport = false) {
         m_writer.store(1, std::memory_order_seq_cst);
         if (HeavyBarrierAvailable()) HeavyBarrier();
         // A thread that already holds it shared is let through rather than left waiting on itself.
         const bool holding = self.depth != 0;
         for (ReaderSlot& slot : m_slots) {
+            if (forReport && &slot == self.slot) continue;
             WaitUntilZero(slot.inside, holding && &slot == self.slot && self.counted == 0 ? 1 : 0);
         }
-        WaitUntilZero(m_countedReaders, holding && self.counted != 0 ? 1 : 0);
+        if (forReport) {
+            WaitAtMost(m_countedReaders, self.counted != 0 ? 1 : 0);
+        } else {
+            WaitUntilZero(m_countedReaders, holding && self.counted != 0 ? 1 : 0);
+        }
         ++self.depth;
         SetPhase(self, kExclusiveHeld);
     }
@@ -266,6 +289,18 @@ class OfflineLoggerThreadLock {
     }
 
     void LockSharedSlow(ThreadLockState& self) {
+        SetWaiting(self, 1);
+        LockSharedWaiting(self);
+        SetWaiting(self, 0);
+    }
+
+    static void SetWaiting(ThreadLockState& self, uint8_t waiting) {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        self.waiting = waiting;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
+
+    void LockSharedWaiting(ThreadLockState& self) {
         if (self.claimed == 0) ClaimSlot(self);
         for (;;) {
             if (self.slot != nullptr) {
@@ -1757,7 +1792,9 @@ __attribute__((noinline)) void ReportCrash(int sig, siginfo_t* info, void* conte
     const uint8_t phase = t_capture.lock.exclusive;
     const bool selfBlocked =
             poolHeld || phase == kExclusiveAcquiring || phase == kExclusiveReleasing;
-    const bool mayLog = logger != nullptr && !selfBlocked;
+    // A thread still waiting for its shared hold counts as holding it: a line now would go in
+    // unguarded.
+    const bool mayLog = logger != nullptr && !selfBlocked && !s_threadLock.WaitingForShared();
 
     void* mapped = mmap(nullptr, sizeof(ReportScratch), PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
