@@ -328,14 +328,19 @@ TEST(SignalCatcher, UnknownSignalIsNotChained) {
 constexpr size_t kAltStackSize = 256 * 1024;
 unsigned char* g_altStack = nullptr;
 
-void MeasureStack(int sig, siginfo_t*, void* context) {
-    const auto top = reinterpret_cast<uintptr_t>(context);
-    const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+__attribute__((noinline)) void NoteStackUse(int sig, uintptr_t top, uintptr_t here) {
     size_t lowest = 0;
     while (lowest < kAltStackSize && g_altStack[lowest] == 0xA5) ++lowest;
     NoteCall("sig " + std::to_string(sig) + " live " + std::to_string(top - here) + " peak " +
              std::to_string(top - reinterpret_cast<uintptr_t>(g_altStack + lowest)));
     _exit(kChainedExit);
+}
+
+// Its own frame is a marker and a call: what lies between the marker and the signal context is
+// the catcher's.
+void MeasureStack(int sig, siginfo_t*, void* context) {
+    volatile char marker = 0;
+    NoteStackUse(sig, reinterpret_cast<uintptr_t>(context), reinterpret_cast<uintptr_t>(&marker));
 }
 
 TEST(SignalCatcher, StackUseOnTheAlternateStack) {
@@ -366,7 +371,7 @@ TEST(SignalCatcher, StackUseOnTheAlternateStack) {
     ASSERT_EQ(sscanf(record.c_str(), "sig 11 live %u peak %u", &live, &peak), 2) << record;
     std::cout << "catcher stack: " << live << " bytes live while chaining, " << peak
               << " bytes at the deepest\n";
-    EXPECT_LT(live, 1024u);
+    EXPECT_LT(live, 2048u);  // 673 on x86_64, 913 on aarch64 (qemu); about 5.5 KiB before
 }
 
 // ---- The crash report and the logger's locks ---------------------------------------------------
