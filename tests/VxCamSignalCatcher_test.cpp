@@ -371,7 +371,7 @@ TEST(SignalCatcher, StackUseOnTheAlternateStack) {
     ASSERT_EQ(sscanf(record.c_str(), "sig 11 live %u peak %u", &live, &peak), 2) << record;
     std::cout << "catcher stack: " << live << " bytes live while chaining, " << peak
               << " bytes at the deepest\n";
-    EXPECT_LT(live, 2048u);  // 673 on x86_64, 913 on aarch64 (qemu); about 5.5 KiB before
+    EXPECT_LT(live, 2048u);  // 673 bytes on x86_64, 913 on aarch64 under qemu
 }
 
 // ---- The crash report and the logger's locks ---------------------------------------------------
