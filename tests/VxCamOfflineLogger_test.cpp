@@ -741,4 +741,45 @@ TEST_F(OfflineLoggerTest, CoreDumpPathBySingleAndMultiPathMode) {
     EXPECT_EQ(vxcamtest::ReadFile(m_root / "core-2.txt"), "two\n");
 }
 
+// Host calls that share what a flush reads or writes, made from a thread of their own while threads
+// log and the host flushes everything and closes the camera: a path change, a mode change,
+// retention (which finds files of sessions before the previous one to remove). Under
+// ThreadSanitizer this finds a call that skips the pool lock.
+TEST_F(OfflineLoggerTest, HostCallsWhileTheHostFlushes) {
+    const std::string paths[2] = {m_root / "core-a", m_root / "core-b"};
+    const struct {
+        OfflineLoggerType type;
+        std::function<void(TestLogger&, int)> call;
+    } kRows[] = {
+            {CoredumpBin,
+             [&](TestLogger& logger, int i) { logger.SetCoredumpPath(paths[i % 2].c_str()); }},
+            {CoredumpTxt,
+             [&](TestLogger& logger, int i) {
+                 logger.SetMultiPathMode(i % 2);
+                 logger.SetCoredumpPath(paths[i % 2].c_str());
+             }},
+            {OfflineLog, [](TestLogger& logger, int) { logger.RemoveOlderLogFiles(); }},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.type);
+        TestLogger logger(row.type, {0, 2, 1, 64});
+        logger.SetCoredumpPath(paths[0].c_str());
+        std::atomic<bool> done{false};
+        std::thread host([&] {
+            for (int i = 0; !done.load(); ++i) {
+                row.call(logger, i);
+                std::this_thread::sleep_for(std::chrono::microseconds(100));
+            }
+        });
+        for (int i = 0; i < 200; ++i) {
+            OnNewThread([&] { logger.AddLog("x\n", 2); });
+            logger.FlushLogToFile(1, 0);
+            logger.NotifyCameraOpen();
+            logger.NotifyCameraClose();
+        }
+        done = true;
+        host.join();
+    }
+}
+
 }  // namespace

@@ -1365,7 +1365,11 @@ void VxCamOfflineLogger::RequestBucketInPlace(unsigned int type) {
 }
 
 void VxCamOfflineLogger::SetMultiPathMode(int mode) {
-    m_multiPathMode = static_cast<uint32_t>(mode);
+    {
+        // The bucket request presets core-dump paths by the mode, under the pool lock.
+        PoolHold lock(*m_pOfflineLoggerLock);
+        m_multiPathMode = static_cast<uint32_t>(mode);
+    }
     if (mode == 0 && m_loggerType == CoredumpTxt) RequestBucketInPlace(CoredumpTxt);
 }
 
@@ -1396,59 +1400,64 @@ int VxCamOfflineLogger::MonitorFileSystemHealth(float fwriteTimeMs) {
 }
 
 void VxCamOfflineLogger::RemoveOlderLogFiles() {
-    size_t recycleCount;
-    {
-        PoolHold lock(*m_pOfflineLoggerLock);
-        recycleCount = m_recycleList.size();
-    }
+    // The flush appends to both lists, adds to the size total and clears the counters under the
+    // pool lock, so retention takes its records off the lists and their sizes off the total under
+    // it too. The files themselves are removed without it: threads that need a bucket must not
+    // wait for the file system on retention's behalf.
     const uint32_t session = m_sessionCount.load();
     const float limit = static_cast<float>(m_maxFlushLogSizeThreshold);
-    bool withinLimit;
-    size_t processed = 0;
-    if (recycleCount == 0) {
-        withinLimit = m_totalFlushSizeMB <= limit;
-    } else if (session < 3) {
-        withinLimit = false;
-    } else {
-        // Sessions before the previous one go, oldest first.
-        withinLimit = true;
-        for (auto record = m_recycleList.begin();
-             record != m_recycleList.end() && processed < recycleCount; ++record) {
-            if (record->sessionCnt > session - 2) {
-                withinLimit = m_totalFlushSizeMB <= limit;
-                break;
+    std::list<RecycleItemInfo> older;
+    std::string currentFile;
+    uint32_t currentTries = 0;
+    {
+        PoolHold lock(*m_pOfflineLoggerLock);
+        bool withinLimit;
+        if (m_recycleList.empty()) {
+            withinLimit = m_totalFlushSizeMB <= limit;
+        } else if (session < 3) {
+            withinLimit = false;
+        } else {
+            // Sessions before the previous one go, oldest first, whether or not their files do.
+            withinLimit = true;
+            auto record = m_recycleList.begin();
+            for (; record != m_recycleList.end(); ++record) {
+                if (record->sessionCnt > session - 2) {
+                    withinLimit = m_totalFlushSizeMB <= limit;
+                    break;
+                }
+                m_totalFlushSizeMB -= static_cast<float>(record->fileSize) * kBytesToMB;
             }
-            const bool removed = remove(record->fileName.c_str()) == 0;
-            m_totalFlushSizeMB -= static_cast<float>(record->fileSize) * kBytesToMB;
-            if (!removed) ++m_removeFailCount;
-            ++processed;
+            older.splice(older.end(), m_recycleList, m_recycleList.begin(), record);
         }
-    }
-    {
-        PoolHold lock(*m_pOfflineLoggerLock);
-        for (size_t i = 0; i < processed && !m_recycleList.empty(); ++i) m_recycleList.pop_front();
-    }
-
-    uint32_t finishedToDrop;
-    {
-        PoolHold lock(*m_pOfflineLoggerLock);
-        const float share = static_cast<float>(m_finishedThreadList.size()) * 0.3f;
-        finishedToDrop = static_cast<uint32_t>(ceilf(share));
-    }
-    if (!m_finishedThreadList.empty() && !withinLimit) {
-        const RecycleItemInfo& first = m_finishedThreadList.front();
-        if (first.sessionCnt == session) {
+        const uint32_t finishedToDrop =
+                static_cast<uint32_t>(ceilf(static_cast<float>(m_finishedThreadList.size()) * 0.3f));
+        if (!m_finishedThreadList.empty() && !withinLimit &&
+            m_finishedThreadList.front().sessionCnt == session) {
             // Stays on the first record on purpose: its file goes once, its size every time.
+            const RecycleItemInfo& first = m_finishedThreadList.front();
+            currentFile = first.fileName;
+            currentTries = finishedToDrop;
             for (uint32_t i = 0; i < finishedToDrop; ++i) {
-                if (remove(first.fileName.c_str()) == 0) ++m_removeSuccessCount;
                 m_totalFlushSizeMB -= static_cast<float>(first.fileSize) * kBytesToMB;
             }
         }
+        for (uint32_t i = 0; i < finishedToDrop && !m_finishedThreadList.empty(); ++i) {
+            m_finishedThreadList.pop_front();
+        }
+    }
+    uint32_t failed = 0;
+    for (const RecycleItemInfo& record : older) {
+        if (remove(record.fileName.c_str()) != 0) ++failed;
+    }
+    uint32_t removed = 0;
+    for (uint32_t i = 0; i < currentTries; ++i) {
+        if (remove(currentFile.c_str()) == 0) ++removed;
     }
     PoolHold lock(*m_pOfflineLoggerLock);
-    for (uint32_t i = 0; i < finishedToDrop && !m_finishedThreadList.empty(); ++i) {
-        m_finishedThreadList.pop_front();
-    }
+    // As the status report counts them: failures among older sessions' files, successes among
+    // the current session's.
+    m_removeFailCount += failed;
+    m_removeSuccessCount += removed;
 }
 
 // ---- Crash backup and core-dump settings --------------------------------------------------------
@@ -1495,20 +1504,25 @@ void VxCamOfflineLogger::SetSignal35TombstoneTriggered() {
 
 int VxCamOfflineLogger::SetCoredumpPath(const char* path) {
     if (path == nullptr) return 0;
-    try {
-        if (m_multiPathMode == 0) {
-            m_coredumpPath = path;
-        } else if (m_multiPathMode == 1) {
-            m_multiPathCoredumpPath = path;
+    bool newRegistration = false;
+    {
+        // The flush names core-dump files, and the bucket request presets their paths, from these,
+        // under the pool lock.
+        PoolHold lock(*m_pOfflineLoggerLock);
+        try {
+            if (m_multiPathMode == 0) {
+                m_coredumpPath = path;
+            } else if (m_multiPathMode == 1) {
+                m_multiPathCoredumpPath = path;
+                newRegistration = m_loggerType == CoredumpTxt;
+            }
+        } catch (const std::bad_alloc&) {
+            OFFLINE_LOGE("VxCamOfflineLogger allocate memory failed");
+            return 0;
         }
-    } catch (const std::bad_alloc&) {
-        OFFLINE_LOGE("VxCamOfflineLogger allocate memory failed");
-        return 0;
     }
-    if (m_multiPathMode == 1) {
-        // The thread's next core-dump text goes to a registration that carries the new path.
-        if (m_loggerType == CoredumpTxt) RequestBucketInPlace(CoredumpTxt);
-    }
+    // The thread's next core-dump text goes to a registration that carries the new path.
+    if (newRegistration) RequestBucketInPlace(CoredumpTxt);
     return 0;
 }
 
