@@ -200,6 +200,37 @@ TEST_F(OfflineLoggerTest, NormalFlushWaitsForItsBatch) {
     EXPECT_EQ(Files().size(), 3u);
 }
 
+// Stops a thread inside its first line, in the bucket request under the capture lock, until let go.
+class StalledLogger : public TestLogger {
+  public:
+    using TestLogger::TestLogger;
+    int RequestNewLogQueue(unsigned char*& buffer, unsigned int threadId, int segmentCnt) override {
+        m_inside.set_value();
+        m_letGo.wait();
+        return TestLogger::RequestNewLogQueue(buffer, threadId, segmentCnt);
+    }
+
+    std::promise<void> m_inside;
+    std::shared_future<void> m_letGo;
+};
+
+// A flush of everything with no bucket to write answers at once: it does not wait for the threads
+// that are inside a line, as holding them off would.
+TEST_F(OfflineLoggerTest, FlushOfAnEmptyPoolAnswersAtOnce) {
+    TestLogger empty(CoredumpBin, {0, 2, 1, 64});
+    StalledLogger stalled(OfflineLog, kSmall);
+    std::promise<void> letGo;
+    stalled.m_letGo = letGo.get_future().share();
+    std::thread inside([&] { stalled.AddLog("x\n", 2); });
+    stalled.m_inside.get_future().wait();
+    auto flushed = std::async(std::launch::async, [&] { return empty.FlushLogToFile(1, 0); });
+    const bool atOnce = flushed.wait_for(std::chrono::seconds(2)) == std::future_status::ready;
+    letGo.set_value();
+    inside.join();
+    EXPECT_TRUE(atOnce) << "waited for a thread inside a line";
+    EXPECT_EQ(flushed.get(), 2);
+}
+
 TEST_F(OfflineLoggerTest, ThreadExitHandsOverTextAndBinaryBucketsOnly) {
     for (OfflineLoggerType type : {OfflineLog, BinaryLog, CoredumpTxt, CoredumpBin}) {
         SCOPED_TRACE(type);

@@ -1120,6 +1120,11 @@ void VxCamOfflineLogger::KeepThreadBookkeeping(const PerLogThreadInfo& info) {
 }
 
 int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
+    {
+        // Nothing to write: said at once, not after holding off every thread inside a line.
+        PoolHold lock(*m_pOfflineLoggerLock);
+        if (m_memPool.empty()) return 2;
+    }
     // A flush of everything writes the buckets that threads are still filling: none may copy a
     // line into one meanwhile. A camera close holds the capture off already; a host's own flush
     // of everything, or the crash report, is held off here.
