@@ -388,6 +388,10 @@ std::mutex s_offlineLoggerMutex;
 OfflineLoggerThreadLock s_threadLock;
 std::atomic<bool> s_threadGuard{false};
 
+// The text or binary logger whose camera close is flushing everything on this thread: the session
+// ends with that flush, so no registration it finds is used again.
+thread_local const VxCamOfflineLogger* t_sessionEndingLogger = nullptr;
+
 // The entry table's per-type instance cache, shared with the thread-exit guard.
 std::atomic<VxCamOfflineLogger*> s_entryInstances[4];
 
@@ -863,25 +867,96 @@ void VxCamOfflineLogger::CleanupMemoryPool() {
     m_sessionCount.fetch_add(1);
 }
 
+// With the pool lock held. Gives a registration's bucket and id back to their free lists. The
+// registration then names no thread (id 0): its old thread may still hold the id, and must not
+// take the registration for its own again.
+void VxCamOfflineLogger::ReleaseRegistration(int registerId) {
+    PerLogThreadInfo& info = m_perLogInfoPool[registerId];
+    m_freeRegisterIds.push_back(registerId);
+    try {
+        m_freeBucketIds.push_back(static_cast<int>(info.bucketId));
+    } catch (const std::bad_alloc&) {
+        m_freeRegisterIds.pop_back();  // free both or neither
+        throw;
+    }
+    info.flushRequested = 0;
+    info.fileNameReady = 0;
+    info.threadId = 0;
+    info.logSize = 0;
+    info.lastFlag = 0;
+}
+
+// Gives up the registration the calling thread holds for `type`, before it registers afresh, takes
+// a new path, or ends: queued for the flush when it holds text, so that the text goes to the file
+// the registration names, or released at once when empty. The thread holds no bucket afterwards.
+//
+// Registrations can go behind their threads' backs: a camera close of the text and binary logs,
+// and a pool clean-up, drop them all; a flush of everything releases those of ended sessions. The
+// id a thread holds may then be another thread's. So a thread owns the registration its id names
+// only while, under the pool lock, the registration names this thread, the session and the bucket
+// that the thread holds, and is neither queued nor released.
+//
+// No flush trigger is called. Only the core-dump types, whose registrations outlive a camera
+// close, have anything to hand over here (a close of the text and binary logs has dropped their
+// threads' registrations already), and for them a thread's end, a new session or a new path call
+// for no flush: the host writes the text when it next flushes the type, a normal flush counting
+// it towards its batch.
+void VxCamOfflineLogger::HandOverRegistration(unsigned int type) {
+    unsigned char* const bucket = t_logBuffer[type];
+    const int32_t registerId = t_queuePoolId[type];
+    t_logBuffer[type] = nullptr;
+    t_queuePoolId[type] = -1;
+    if (bucket == nullptr || registerId < 0) return;
+    const uint32_t threadId = static_cast<uint32_t>(gettid());
+    PoolHold lock(*m_pOfflineLoggerLock);
+    if (static_cast<size_t>(registerId) >= m_perLogInfoPool.size()) return;
+    PerLogThreadInfo& info = m_perLogInfoPool[registerId];
+    if (info.flushRequested != 0 || info.threadId != threadId ||
+        info.sessionCnt != t_sessionCnt[type] || info.bucketId >= m_memPool.size() ||
+        m_memPool[info.bucketId] != bucket) {
+        return;
+    }
+    try {
+        if (info.logSize != 0) {
+            m_flushRequestIds.push_back(registerId);
+            info.flushRequested = 1;
+            ++m_flushRequestCount;
+        } else {
+            ReleaseRegistration(registerId);
+            BucketPages::GiveBack(bucket);  // free buckets keep no pages of their own
+        }
+    } catch (const std::bad_alloc&) {
+        OFFLINE_LOGE("VxCamOfflineLogger allocate memory failed");
+    }
+}
+
 LifetimeThreadInfo::~LifetimeThreadInfo() {
     if (valid != 1) return;
     const uint32_t index = TypeIndex(type);
-    if (type == CoredumpTxt || type == CoredumpBin) return;  // core-dump buckets stay put
+    if (t_logBuffer[index] == nullptr) return;  // holds no bucket
     VxCamOfflineLogger* logger = owner != nullptr ? owner : CachedInstance(type);
-    if (logger == nullptr || logger->IsEnableOfflinelogger() == 0) return;  // buckets are gone
+    if (logger == nullptr) return;
+    if (type == CoredumpTxt || type == CoredumpBin) {
+        // Core-dump text is not flushed when its thread ends, but the bucket must not outlive the
+        // thread: handed over without a flush request, it is written by the host's next flush of
+        // the type, and an empty one is free at once.
+        logger->HandOverRegistration(index);
+        return;
+    }
+    if (logger->IsEnableOfflinelogger() == 0) return;  // buckets are gone
     SharedHold hold(*VxCamOfflineLogger::m_pThreadLock);
     // A camera close or a clean-up since the bucket was taken has already written or released
     // it, and the registerId may belong to another thread by now.
-    if (t_logBuffer[index] == nullptr ||
-        t_sessionCnt[index] != logger->m_sessionCount.load(std::memory_order_relaxed)) {
-        return;
-    }
+    if (t_sessionCnt[index] != logger->m_sessionCount.load(std::memory_order_relaxed)) return;
     logger->RequestFlushLogQueue(registerId, 0);
 }
 
 // ---- Capture ------------------------------------------------------------------------------------
 
 int VxCamOfflineLogger::RegisterThread(unsigned int type) {
+    // A core-dump registration outlives a camera close: the thread's old one goes first, with
+    // what it holds, or it would be left behind.
+    HandOverRegistration(type);
     t_sessionCnt[type] = m_sessionCount.load(std::memory_order_relaxed);
     t_logSize[type] = 0;
     t_segmentCnt[type] = 1;
@@ -1163,6 +1238,8 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
         } else {
             m_triggerOperation = static_cast<uint32_t>(m_flushRequestIds.size());
             const char* mode = m_loggerType == BinaryLog ? "ab+" : "a+";
+            const bool sessionEnds = t_sessionEndingLogger == this;
+            const uint32_t session = m_sessionCount.load();
             while (!m_flushRequestIds.empty()) {
                 const int registerId = m_flushRequestIds.front();
                 if (registerId < 0 || static_cast<size_t>(registerId) >= m_perLogInfoPool.size()) {
@@ -1172,9 +1249,20 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
                 PerLogThreadInfo& info = m_perLogInfoPool[registerId];
                 // Not handed over: written because everything is, while its thread still holds it.
                 const bool held = info.flushRequested == 0;
+                // Held, but no thread will write into it again: its session has ended (core-dump
+                // registrations outlive a camera close) or ends with this flush. Released once
+                // written, or at once when empty; its thread, if it lives, registers afresh. A
+                // released registration names no thread.
+                const bool ended = held && flushAll == 1 && info.threadId != 0 &&
+                                   (sessionEnds || info.sessionCnt != session);
                 const bool write =
                         info.flushRequested == 1 || (held && flushAll == 1 && info.logSize != 0);
                 if (!write) {
+                    if (ended) {
+                        ReleaseRegistration(registerId);
+                        if (info.bucketId < m_memPool.size())
+                            BucketPages::GiveBack(m_memPool[info.bucketId]);
+                    }
                     m_flushRequestIds.pop_front();
                     continue;
                 }
@@ -1223,20 +1311,15 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
                 }
                 if (m_loggerType == OfflineLog) KeepThreadBookkeeping(info);
 
-                if (held) {
+                if (held && !ended) {
                     // Its thread goes on in it, from the start, when it notices this flush; the
                     // thread's exit or a full bucket hands it over later.
                     info.logSize = 0;
                     m_flushRequestIds.pop_front();
                     continue;
                 }
-                info.flushRequested = 0;
-                info.fileNameReady = 0;
-                info.logSize = 0;
-                info.lastFlag = 0;
-                if (m_flushRequestCount > 0) --m_flushRequestCount;
-                m_freeBucketIds.push_back(static_cast<int>(info.bucketId));
-                m_freeRegisterIds.push_back(registerId);
+                if (!held && m_flushRequestCount > 0) --m_flushRequestCount;
+                ReleaseRegistration(registerId);
                 m_flushRequestIds.pop_front();
             }
         }
@@ -1320,7 +1403,13 @@ void VxCamOfflineLogger::NotifyCameraClose() {
     m_pThreadGuard->store(true);
     {
         ExclusiveHold threads(*m_pThreadLock);
-        if (flush) FlushLogToFile(1, 0);
+        if (flush) {
+            // The session ends with this flush: it releases every registration it finds, as the
+            // reset below would, so that its status report counts those buckets free.
+            t_sessionEndingLogger = this;
+            FlushLogToFile(1, 0);
+            t_sessionEndingLogger = nullptr;
+        }
         if (textOrBinary) SetAllToDefaultValue();
         {
             PoolHold lock(*m_pOfflineLoggerLock);
@@ -1364,6 +1453,8 @@ int VxCamOfflineLogger::SetCleanupTriggerLink(void (*trigger)(OfflineLoggerType)
 }
 
 void VxCamOfflineLogger::RequestBucketInPlace(unsigned int type) {
+    // The old registration keeps its path: handed over first, its text lands in its own file.
+    HandOverRegistration(type);
     t_queuePoolId[type] = RequestNewLogQueue(t_logBuffer[type], static_cast<unsigned int>(gettid()),
                                              static_cast<int>(t_segmentCnt[type]));
     t_logCurPos[type] = 0;
