@@ -104,6 +104,16 @@ void LoggerState::Check(OfflineLoggerType type) {
     FUZZ_CHECK(NoneTwice(logger->*(&LoggerState::m_freeBucketIds)));
     FUZZ_CHECK(NoneTwice(logger->*(&LoggerState::m_freeRegisterIds)));
     FUZZ_CHECK((logger->*(&LoggerState::m_state)).load() <= 2);
+    if (type == VxCam::CoredumpTxt || type == VxCam::CoredumpBin) {
+        // Every thread that logged has ended, and a core-dump registration lasts no longer than its
+        // thread: each is free, or handed over and waiting for the flush.
+        std::vector<bool> free(registrations.size());
+        for (int id : logger->*(&LoggerState::m_freeRegisterIds))
+            free[static_cast<size_t>(id)] = true;
+        for (size_t id = 0; id < registrations.size(); ++id) {
+            FUZZ_CHECK(free[id] || registrations[id].flushRequested != 0);
+        }
+    }
     // Retention's names: the list settles one above its bound, and the set holds all of them.
     const auto& names = logger->*(&LoggerState::m_fileNameList);
     const auto& nameSet = logger->*(&LoggerState::m_fileNameSet);

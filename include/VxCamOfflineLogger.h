@@ -232,6 +232,8 @@ class VXCAM_API VxCamOfflineLogger {
                                                unsigned int length);
     VXCAM_OFFLINE_INTERNAL int RegisterThread(unsigned int type);
     VXCAM_OFFLINE_INTERNAL void RequestBucketInPlace(unsigned int type);
+    VXCAM_OFFLINE_INTERNAL void HandOverRegistration(unsigned int type);
+    VXCAM_OFFLINE_INTERNAL void ReleaseRegistration(int registerId);
     VXCAM_OFFLINE_INTERNAL void RecordTextFileName(const std::string& namePart);
     VXCAM_OFFLINE_INTERNAL void KeepThreadBookkeeping(const PerLogThreadInfo& info);
     VXCAM_OFFLINE_INTERNAL std::string DeviceRoot() const;

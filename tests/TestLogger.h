@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -87,6 +88,50 @@ inline pid_t OnNewThread(const std::function<void()>& body) {
     }).join();
     return tid;
 }
+
+// A thread that runs the steps it is given, one at a time, and stays alive between them: what it
+// registers with a logger stays its own until it ends. It ends on destruction, so declare it after
+// the logger it logs to.
+class LiveThread {
+  public:
+    LiveThread() : m_thread([this] { Serve(); }) {}
+    ~LiveThread() {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_stop = true;
+        }
+        m_wake.notify_all();
+        m_thread.join();
+    }
+    LiveThread(const LiveThread&) = delete;
+    LiveThread& operator=(const LiveThread&) = delete;
+
+    // Runs `step` on the thread and waits for it.
+    void Run(std::function<void()> step) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_step = std::move(step);
+        m_wake.notify_all();
+        m_wake.wait(lock, [this] { return !m_step; });
+    }
+
+  private:
+    void Serve() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        for (;;) {
+            m_wake.wait(lock, [this] { return m_stop || m_step; });
+            if (m_stop) return;
+            m_step();
+            m_step = nullptr;
+            m_wake.notify_all();
+        }
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    std::function<void()> m_step;
+    bool m_stop = false;
+    std::thread m_thread;  // last: starts once the rest is built
+};
 
 }  // namespace vxcamtest
 

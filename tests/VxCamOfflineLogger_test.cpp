@@ -18,6 +18,7 @@
 #include <future>
 #include <list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <regex>
 #include <set>
@@ -200,6 +201,37 @@ TEST_F(OfflineLoggerTest, NormalFlushWaitsForItsBatch) {
     EXPECT_EQ(Files().size(), 3u);
 }
 
+// Stops a thread inside its first line, in the bucket request under the capture lock, until let go.
+class StalledLogger : public TestLogger {
+  public:
+    using TestLogger::TestLogger;
+    int RequestNewLogQueue(unsigned char*& buffer, unsigned int threadId, int segmentCnt) override {
+        m_inside.set_value();
+        m_letGo.wait();
+        return TestLogger::RequestNewLogQueue(buffer, threadId, segmentCnt);
+    }
+
+    std::promise<void> m_inside;
+    std::shared_future<void> m_letGo;
+};
+
+// A flush of everything with no bucket to write answers at once: it does not wait for the threads
+// that are inside a line, as holding them off would.
+TEST_F(OfflineLoggerTest, FlushOfAnEmptyPoolAnswersAtOnce) {
+    TestLogger empty(CoredumpBin, {0, 2, 1, 64});
+    StalledLogger stalled(OfflineLog, kSmall);
+    std::promise<void> letGo;
+    stalled.m_letGo = letGo.get_future().share();
+    std::thread inside([&] { stalled.AddLog("x\n", 2); });
+    stalled.m_inside.get_future().wait();
+    auto flushed = std::async(std::launch::async, [&] { return empty.FlushLogToFile(1, 0); });
+    const bool atOnce = flushed.wait_for(std::chrono::seconds(2)) == std::future_status::ready;
+    letGo.set_value();
+    inside.join();
+    EXPECT_TRUE(atOnce) << "waited for a thread inside a line";
+    EXPECT_EQ(flushed.get(), 2);
+}
+
 TEST_F(OfflineLoggerTest, ThreadExitHandsOverTextAndBinaryBucketsOnly) {
     for (OfflineLoggerType type : {OfflineLog, BinaryLog, CoredumpTxt, CoredumpBin}) {
         SCOPED_TRACE(type);
@@ -277,6 +309,66 @@ TEST_F(OfflineLoggerTest, CoreDumpTypesKeepTheirBucketsAcrossAClose) {
     EXPECT_EQ(logger.m_memPool.size(), 2u);
     ASSERT_EQ(logger.m_perLogInfoPool.size(), 1u);
     EXPECT_EQ(logger.m_perLogInfoPool[0].logSize, 5u);
+}
+
+// A core-dump registration lasts as long as a thread writes into it, whatever comes between: an
+// ending thread hands its bucket over, a thread's first line after a camera close hands over the
+// old session's bucket, and a flush of everything releases what no thread will write into again.
+// Each row repeats its steps, one character each:
+//   l  the live thread logs the next line        t  a new thread logs the next line and ends
+//   e  the live thread ends, another takes over  c  a camera session ends (open, close)
+//   F  the host flushes everything               f  the host flushes as usual
+// Every line lands once and in order, and the pool never needs more than one bucket held and one
+// handed over.
+TEST_F(OfflineLoggerTest, CoreDumpRegistrationsLastAsLongAsTheirThreads) {
+    const struct {
+        OfflineLoggerType type;
+        const char* steps;
+        int repeat;
+    } kRows[] = {
+            {CoredumpTxt, "tF", 100},  // threads that end, each followed by a flush of everything
+            {CoredumpTxt, "lFe", 50},  // a flush of everything while the thread lives, then its end
+            {CoredumpBin, "lcF", 10},  // one thread over ten sessions, everything flushed after each
+            {CoredumpBin, "lcf", 10},  // the same, flushed as usual
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(std::string(row.steps) + " on type " + std::to_string(row.type));
+        TestLogger logger(row.type, {0, 2, 1, 4096});
+        const std::string path = m_root / ("core-" + std::to_string(&row - kRows));
+        logger.SetCoredumpPath(path.c_str());
+        std::string expected;
+        int n = 0;
+        const auto logNext = [&] {
+            const std::string line = Line("n", n++);
+            expected += line;
+            logger.AddLog(line.data(), line.size());
+        };
+        auto live = std::make_unique<vxcamtest::LiveThread>();
+        for (int i = 0; i < row.repeat; ++i) {
+            for (const char* step = row.steps; *step != '\0'; ++step) {
+                if (*step == 'l') live->Run(logNext);
+                if (*step == 't') OnNewThread(logNext);
+                if (*step == 'e') live = std::make_unique<vxcamtest::LiveThread>();
+                if (*step == 'c') {
+                    logger.NotifyCameraOpen();
+                    logger.NotifyCameraClose();
+                }
+                if (*step == 'F') logger.FlushLogToFile(1, 0);
+                if (*step == 'f') logger.FlushLogToFile(0, 0);
+            }
+        }
+        // The live thread's bucket, written and so empty, ends with its session all the same.
+        live->Run(logNext);
+        logger.FlushLogToFile(1, 0);
+        logger.NotifyCameraOpen();
+        logger.NotifyCameraClose();
+        logger.FlushLogToFile(1, 0);
+        EXPECT_EQ(logger.m_freeBucketIds.size(), logger.m_memPool.size());
+        live.reset();
+        EXPECT_EQ(vxcamtest::ReadFile(path), expected);
+        EXPECT_LE(logger.m_memPool.size(), 2u);
+        EXPECT_LE(logger.m_perLogInfoPool.size(), 2u);
+    }
 }
 
 // A bucket costs memory once written, and only until its flush: afterwards it reads as zeros and
@@ -645,14 +737,18 @@ TEST_F(OfflineLoggerTest, StatusReportFollowsItsSwitch) {
     TestLogger logger(OfflineLog, kSmall);
     const std::string dumpPath = Camera() + "/Offlinelog_Dump.log";
     logger.SetStatusDumpEnabled(1);
-    OnNewThread([&] { logger.AddLog("a line\n", 7); });
-    logger.FlushLogToFile(1, 0);
+    logger.NotifyCameraOpen();
+    vxcamtest::LiveThread thread;
+    thread.Run([&] { logger.AddLog("a line\n", 7); });
+    // The close's flush of everything: the thread's bucket comes back with the others.
+    logger.NotifyCameraClose();
     const std::string written = vxcamtest::ReadFile(dumpPath);
     const char* const kTrueLines[] = {
             "+--------------------Offlinelogger Status-----------------------+\n",
             "  Session                          : 1   \n",
             "  Logger Type                      : OfflineLog   \n",
             "  Memory Pool Bucket (Total)       : 4  \n",
+            "  Memory Pool Bucket (Available)   : 4  \n",
             "  Trigger operation                : TRUE \n",
             "  Fwrite time average (Last:10)    : 0.000000ms \n",
             "  Maxium flush log size threadhold : 2600   \n",
@@ -731,17 +827,69 @@ TEST_F(OfflineLoggerTest, CoreDumpPathBySingleAndMultiPathMode) {
     EXPECT_EQ(bin.m_multiPathCoredumpPath, "/b");
     EXPECT_TRUE(bin.m_perLogInfoPool.empty()) << "only the text core dump takes a bucket";
 
+    // Each new path hands the thread's registration over with the old path: old text lands in the
+    // old file and new text in the new one, and however often the path changes the pool keeps one
+    // bucket held and one handed over. Back in single-path mode, text goes to the single path.
     TestLogger text(CoredumpTxt, {0, 2, 1, 64});
+    const auto core = [&](int i) { return m_root / ("core-" + std::to_string(i) + ".txt"); };
+    const std::string single = m_root / "core-single.txt";
+    text.SetCoredumpPath(single.c_str());
     text.SetMultiPathMode(1);
     OnNewThread([&] {
-        text.SetCoredumpPath((m_root / "core-1.txt").c_str());
-        text.AddLog("one\n", 4);
-        text.SetCoredumpPath((m_root / "core-2.txt").c_str());
-        text.AddLog("two\n", 4);
+        for (int i = 0; i < 10; ++i) {
+            text.SetCoredumpPath(core(i).c_str());
+            const std::string line = Line("p", i);
+            text.AddLog(line.data(), line.size());
+            text.FlushLogToFile(0, 0);
+        }
+        text.SetMultiPathMode(0);
+        text.AddLog("single\n", 7);
     });
     text.FlushLogToFile(1, 0);
-    EXPECT_EQ(vxcamtest::ReadFile(m_root / "core-1.txt"), "one\n");
-    EXPECT_EQ(vxcamtest::ReadFile(m_root / "core-2.txt"), "two\n");
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(vxcamtest::ReadFile(core(i)), Line("p", i)) << i;
+    EXPECT_EQ(vxcamtest::ReadFile(single), "single\n");
+    EXPECT_LE(text.m_memPool.size(), 2u);
+}
+
+// Host calls that share what a flush reads or writes, made from a thread of their own while threads
+// log and the host flushes everything and closes the camera: a path change, a mode change,
+// retention (which finds files of sessions before the previous one to remove). Under
+// ThreadSanitizer this finds a call that skips the pool lock.
+TEST_F(OfflineLoggerTest, HostCallsWhileTheHostFlushes) {
+    const std::string paths[2] = {m_root / "core-a", m_root / "core-b"};
+    const struct {
+        OfflineLoggerType type;
+        std::function<void(TestLogger&, int)> call;
+    } kRows[] = {
+            {CoredumpBin,
+             [&](TestLogger& logger, int i) { logger.SetCoredumpPath(paths[i % 2].c_str()); }},
+            {CoredumpTxt,
+             [&](TestLogger& logger, int i) {
+                 logger.SetMultiPathMode(i % 2);
+                 logger.SetCoredumpPath(paths[i % 2].c_str());
+             }},
+            {OfflineLog, [](TestLogger& logger, int) { logger.RemoveOlderLogFiles(); }},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.type);
+        TestLogger logger(row.type, {0, 2, 1, 64});
+        logger.SetCoredumpPath(paths[0].c_str());
+        std::atomic<bool> done{false};
+        std::thread host([&] {
+            for (int i = 0; !done.load(); ++i) {
+                row.call(logger, i);
+                std::this_thread::sleep_for(std::chrono::microseconds(100));
+            }
+        });
+        for (int i = 0; i < 200; ++i) {
+            OnNewThread([&] { logger.AddLog("x\n", 2); });
+            logger.FlushLogToFile(1, 0);
+            logger.NotifyCameraOpen();
+            logger.NotifyCameraClose();
+        }
+        done = true;
+        host.join();
+    }
 }
 
 }  // namespace

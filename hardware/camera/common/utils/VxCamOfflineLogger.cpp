@@ -423,6 +423,10 @@ std::mutex s_offlineLoggerMutex;
 OfflineLoggerThreadLock s_threadLock;
 std::atomic<bool> s_threadGuard{false};
 
+// The text or binary logger whose camera close is flushing everything on this thread: the session
+// ends with that flush, so no registration it finds is used again.
+thread_local const VxCamOfflineLogger* t_sessionEndingLogger = nullptr;
+
 // The entry table's per-type instance cache, shared with the thread-exit guard.
 std::atomic<VxCamOfflineLogger*> s_entryInstances[4];
 
@@ -898,25 +902,96 @@ void VxCamOfflineLogger::CleanupMemoryPool() {
     m_sessionCount.fetch_add(1);
 }
 
+// With the pool lock held. Gives a registration's bucket and id back to their free lists. The
+// registration then names no thread (id 0): its old thread may still hold the id, and must not
+// take the registration for its own again.
+void VxCamOfflineLogger::ReleaseRegistration(int registerId) {
+    PerLogThreadInfo& info = m_perLogInfoPool[registerId];
+    m_freeRegisterIds.push_back(registerId);
+    try {
+        m_freeBucketIds.push_back(static_cast<int>(info.bucketId));
+    } catch (const std::bad_alloc&) {
+        m_freeRegisterIds.pop_back();  // free both or neither
+        throw;
+    }
+    info.flushRequested = 0;
+    info.fileNameReady = 0;
+    info.threadId = 0;
+    info.logSize = 0;
+    info.lastFlag = 0;
+}
+
+// Gives up the registration the calling thread holds for `type`, before it registers afresh, takes
+// a new path, or ends: queued for the flush when it holds text, so that the text goes to the file
+// the registration names, or released at once when empty. The thread holds no bucket afterwards.
+//
+// Registrations can go behind their threads' backs: a camera close of the text and binary logs,
+// and a pool clean-up, drop them all; a flush of everything releases those of ended sessions. The
+// id a thread holds may then be another thread's. So a thread owns the registration its id names
+// only while, under the pool lock, the registration names this thread, the session and the bucket
+// that the thread holds, and is neither queued nor released.
+//
+// No flush trigger is called. Only the core-dump types, whose registrations outlive a camera
+// close, have anything to hand over here (a close of the text and binary logs has dropped their
+// threads' registrations already), and for them a thread's end, a new session or a new path call
+// for no flush: the host writes the text when it next flushes the type, a normal flush counting
+// it towards its batch.
+void VxCamOfflineLogger::HandOverRegistration(unsigned int type) {
+    unsigned char* const bucket = t_logBuffer[type];
+    const int32_t registerId = t_queuePoolId[type];
+    t_logBuffer[type] = nullptr;
+    t_queuePoolId[type] = -1;
+    if (bucket == nullptr || registerId < 0) return;
+    const uint32_t threadId = static_cast<uint32_t>(gettid());
+    PoolHold lock(*m_pOfflineLoggerLock);
+    if (static_cast<size_t>(registerId) >= m_perLogInfoPool.size()) return;
+    PerLogThreadInfo& info = m_perLogInfoPool[registerId];
+    if (info.flushRequested != 0 || info.threadId != threadId ||
+        info.sessionCnt != t_sessionCnt[type] || info.bucketId >= m_memPool.size() ||
+        m_memPool[info.bucketId] != bucket) {
+        return;
+    }
+    try {
+        if (info.logSize != 0) {
+            m_flushRequestIds.push_back(registerId);
+            info.flushRequested = 1;
+            ++m_flushRequestCount;
+        } else {
+            ReleaseRegistration(registerId);
+            BucketPages::GiveBack(bucket);  // free buckets keep no pages of their own
+        }
+    } catch (const std::bad_alloc&) {
+        OFFLINE_LOGE("VxCamOfflineLogger allocate memory failed");
+    }
+}
+
 LifetimeThreadInfo::~LifetimeThreadInfo() {
     if (valid != 1) return;
     const uint32_t index = TypeIndex(type);
-    if (type == CoredumpTxt || type == CoredumpBin) return;  // core-dump buckets stay put
+    if (t_logBuffer[index] == nullptr) return;  // holds no bucket
     VxCamOfflineLogger* logger = owner != nullptr ? owner : CachedInstance(type);
-    if (logger == nullptr || logger->IsEnableOfflinelogger() == 0) return;  // buckets are gone
+    if (logger == nullptr) return;
+    if (type == CoredumpTxt || type == CoredumpBin) {
+        // Core-dump text is not flushed when its thread ends, but the bucket must not outlive the
+        // thread: handed over without a flush request, it is written by the host's next flush of
+        // the type, and an empty one is free at once.
+        logger->HandOverRegistration(index);
+        return;
+    }
+    if (logger->IsEnableOfflinelogger() == 0) return;  // buckets are gone
     SharedHold hold(*VxCamOfflineLogger::m_pThreadLock);
     // A camera close or a clean-up since the bucket was taken has already written or released
     // it, and the registerId may belong to another thread by now.
-    if (t_logBuffer[index] == nullptr ||
-        t_sessionCnt[index] != logger->m_sessionCount.load(std::memory_order_relaxed)) {
-        return;
-    }
+    if (t_sessionCnt[index] != logger->m_sessionCount.load(std::memory_order_relaxed)) return;
     logger->RequestFlushLogQueue(registerId, 0);
 }
 
 // ---- Capture ------------------------------------------------------------------------------------
 
 int VxCamOfflineLogger::RegisterThread(unsigned int type) {
+    // A core-dump registration outlives a camera close: the thread's old one goes first, with
+    // what it holds, or it would be left behind.
+    HandOverRegistration(type);
     t_sessionCnt[type] = m_sessionCount.load(std::memory_order_relaxed);
     t_logSize[type] = 0;
     t_segmentCnt[type] = 1;
@@ -1155,6 +1230,11 @@ void VxCamOfflineLogger::KeepThreadBookkeeping(const PerLogThreadInfo& info) {
 }
 
 int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
+    {
+        // Nothing to write: said at once, not after holding off every thread inside a line.
+        PoolHold lock(*m_pOfflineLoggerLock);
+        if (m_memPool.empty()) return 2;
+    }
     // A flush of everything writes the buckets that threads are still filling: none may copy a
     // line into one meanwhile. A camera close holds the capture off already; a host's own flush
     // of everything, or the crash report, is held off here.
@@ -1193,6 +1273,8 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
         } else {
             m_triggerOperation = static_cast<uint32_t>(m_flushRequestIds.size());
             const char* mode = m_loggerType == BinaryLog ? "ab+" : "a+";
+            const bool sessionEnds = t_sessionEndingLogger == this;
+            const uint32_t session = m_sessionCount.load();
             while (!m_flushRequestIds.empty()) {
                 const int registerId = m_flushRequestIds.front();
                 if (registerId < 0 || static_cast<size_t>(registerId) >= m_perLogInfoPool.size()) {
@@ -1202,9 +1284,20 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
                 PerLogThreadInfo& info = m_perLogInfoPool[registerId];
                 // Not handed over: written because everything is, while its thread still holds it.
                 const bool held = info.flushRequested == 0;
+                // Held, but no thread will write into it again: its session has ended (core-dump
+                // registrations outlive a camera close) or ends with this flush. Released once
+                // written, or at once when empty; its thread, if it lives, registers afresh. A
+                // released registration names no thread.
+                const bool ended = held && flushAll == 1 && info.threadId != 0 &&
+                                   (sessionEnds || info.sessionCnt != session);
                 const bool write =
                         info.flushRequested == 1 || (held && flushAll == 1 && info.logSize != 0);
                 if (!write) {
+                    if (ended) {
+                        ReleaseRegistration(registerId);
+                        if (info.bucketId < m_memPool.size())
+                            BucketPages::GiveBack(m_memPool[info.bucketId]);
+                    }
                     m_flushRequestIds.pop_front();
                     continue;
                 }
@@ -1253,20 +1346,15 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
                 }
                 if (m_loggerType == OfflineLog) KeepThreadBookkeeping(info);
 
-                if (held) {
+                if (held && !ended) {
                     // Its thread goes on in it, from the start, when it notices this flush; the
                     // thread's exit or a full bucket hands it over later.
                     info.logSize = 0;
                     m_flushRequestIds.pop_front();
                     continue;
                 }
-                info.flushRequested = 0;
-                info.fileNameReady = 0;
-                info.logSize = 0;
-                info.lastFlag = 0;
-                if (m_flushRequestCount > 0) --m_flushRequestCount;
-                m_freeBucketIds.push_back(static_cast<int>(info.bucketId));
-                m_freeRegisterIds.push_back(registerId);
+                if (!held && m_flushRequestCount > 0) --m_flushRequestCount;
+                ReleaseRegistration(registerId);
                 m_flushRequestIds.pop_front();
             }
         }
@@ -1350,7 +1438,13 @@ void VxCamOfflineLogger::NotifyCameraClose() {
     m_pThreadGuard->store(true);
     {
         ExclusiveHold threads(*m_pThreadLock);
-        if (flush) FlushLogToFile(1, 0);
+        if (flush) {
+            // The session ends with this flush: it releases every registration it finds, as the
+            // reset below would, so that its status report counts those buckets free.
+            t_sessionEndingLogger = this;
+            FlushLogToFile(1, 0);
+            t_sessionEndingLogger = nullptr;
+        }
         if (textOrBinary) SetAllToDefaultValue();
         {
             PoolHold lock(*m_pOfflineLoggerLock);
@@ -1394,13 +1488,19 @@ int VxCamOfflineLogger::SetCleanupTriggerLink(void (*trigger)(OfflineLoggerType)
 }
 
 void VxCamOfflineLogger::RequestBucketInPlace(unsigned int type) {
+    // The old registration keeps its path: handed over first, its text lands in its own file.
+    HandOverRegistration(type);
     t_queuePoolId[type] = RequestNewLogQueue(t_logBuffer[type], static_cast<unsigned int>(gettid()),
                                              static_cast<int>(t_segmentCnt[type]));
     t_logCurPos[type] = 0;
 }
 
 void VxCamOfflineLogger::SetMultiPathMode(int mode) {
-    m_multiPathMode = static_cast<uint32_t>(mode);
+    {
+        // The bucket request presets core-dump paths by the mode, under the pool lock.
+        PoolHold lock(*m_pOfflineLoggerLock);
+        m_multiPathMode = static_cast<uint32_t>(mode);
+    }
     if (mode == 0 && m_loggerType == CoredumpTxt) RequestBucketInPlace(CoredumpTxt);
 }
 
@@ -1431,59 +1531,64 @@ int VxCamOfflineLogger::MonitorFileSystemHealth(float fwriteTimeMs) {
 }
 
 void VxCamOfflineLogger::RemoveOlderLogFiles() {
-    size_t recycleCount;
-    {
-        PoolHold lock(*m_pOfflineLoggerLock);
-        recycleCount = m_recycleList.size();
-    }
+    // The flush appends to both lists, adds to the size total and clears the counters under the
+    // pool lock, so retention takes its records off the lists and their sizes off the total under
+    // it too. The files themselves are removed without it: threads that need a bucket must not
+    // wait for the file system on retention's behalf.
     const uint32_t session = m_sessionCount.load();
     const float limit = static_cast<float>(m_maxFlushLogSizeThreshold);
-    bool withinLimit;
-    size_t processed = 0;
-    if (recycleCount == 0) {
-        withinLimit = m_totalFlushSizeMB <= limit;
-    } else if (session < 3) {
-        withinLimit = false;
-    } else {
-        // Sessions before the previous one go, oldest first.
-        withinLimit = true;
-        for (auto record = m_recycleList.begin();
-             record != m_recycleList.end() && processed < recycleCount; ++record) {
-            if (record->sessionCnt > session - 2) {
-                withinLimit = m_totalFlushSizeMB <= limit;
-                break;
+    std::list<RecycleItemInfo> older;
+    std::string currentFile;
+    uint32_t currentTries = 0;
+    {
+        PoolHold lock(*m_pOfflineLoggerLock);
+        bool withinLimit;
+        if (m_recycleList.empty()) {
+            withinLimit = m_totalFlushSizeMB <= limit;
+        } else if (session < 3) {
+            withinLimit = false;
+        } else {
+            // Sessions before the previous one go, oldest first, whether or not their files do.
+            withinLimit = true;
+            auto record = m_recycleList.begin();
+            for (; record != m_recycleList.end(); ++record) {
+                if (record->sessionCnt > session - 2) {
+                    withinLimit = m_totalFlushSizeMB <= limit;
+                    break;
+                }
+                m_totalFlushSizeMB -= static_cast<float>(record->fileSize) * kBytesToMB;
             }
-            const bool removed = remove(record->fileName.c_str()) == 0;
-            m_totalFlushSizeMB -= static_cast<float>(record->fileSize) * kBytesToMB;
-            if (!removed) ++m_removeFailCount;
-            ++processed;
+            older.splice(older.end(), m_recycleList, m_recycleList.begin(), record);
         }
-    }
-    {
-        PoolHold lock(*m_pOfflineLoggerLock);
-        for (size_t i = 0; i < processed && !m_recycleList.empty(); ++i) m_recycleList.pop_front();
-    }
-
-    uint32_t finishedToDrop;
-    {
-        PoolHold lock(*m_pOfflineLoggerLock);
-        const float share = static_cast<float>(m_finishedThreadList.size()) * 0.3f;
-        finishedToDrop = static_cast<uint32_t>(ceilf(share));
-    }
-    if (!m_finishedThreadList.empty() && !withinLimit) {
-        const RecycleItemInfo& first = m_finishedThreadList.front();
-        if (first.sessionCnt == session) {
+        const uint32_t finishedToDrop =
+                static_cast<uint32_t>(ceilf(static_cast<float>(m_finishedThreadList.size()) * 0.3f));
+        if (!m_finishedThreadList.empty() && !withinLimit &&
+            m_finishedThreadList.front().sessionCnt == session) {
             // Stays on the first record on purpose: its file goes once, its size every time.
+            const RecycleItemInfo& first = m_finishedThreadList.front();
+            currentFile = first.fileName;
+            currentTries = finishedToDrop;
             for (uint32_t i = 0; i < finishedToDrop; ++i) {
-                if (remove(first.fileName.c_str()) == 0) ++m_removeSuccessCount;
                 m_totalFlushSizeMB -= static_cast<float>(first.fileSize) * kBytesToMB;
             }
         }
+        for (uint32_t i = 0; i < finishedToDrop && !m_finishedThreadList.empty(); ++i) {
+            m_finishedThreadList.pop_front();
+        }
+    }
+    uint32_t failed = 0;
+    for (const RecycleItemInfo& record : older) {
+        if (remove(record.fileName.c_str()) != 0) ++failed;
+    }
+    uint32_t removed = 0;
+    for (uint32_t i = 0; i < currentTries; ++i) {
+        if (remove(currentFile.c_str()) == 0) ++removed;
     }
     PoolHold lock(*m_pOfflineLoggerLock);
-    for (uint32_t i = 0; i < finishedToDrop && !m_finishedThreadList.empty(); ++i) {
-        m_finishedThreadList.pop_front();
-    }
+    // As the status report counts them: failures among older sessions' files, successes among
+    // the current session's.
+    m_removeFailCount += failed;
+    m_removeSuccessCount += removed;
 }
 
 // ---- Crash backup and core-dump settings --------------------------------------------------------
@@ -1530,20 +1635,25 @@ void VxCamOfflineLogger::SetSignal35TombstoneTriggered() {
 
 int VxCamOfflineLogger::SetCoredumpPath(const char* path) {
     if (path == nullptr) return 0;
-    try {
-        if (m_multiPathMode == 0) {
-            m_coredumpPath = path;
-        } else if (m_multiPathMode == 1) {
-            m_multiPathCoredumpPath = path;
+    bool newRegistration = false;
+    {
+        // The flush names core-dump files, and the bucket request presets their paths, from these,
+        // under the pool lock.
+        PoolHold lock(*m_pOfflineLoggerLock);
+        try {
+            if (m_multiPathMode == 0) {
+                m_coredumpPath = path;
+            } else if (m_multiPathMode == 1) {
+                m_multiPathCoredumpPath = path;
+                newRegistration = m_loggerType == CoredumpTxt;
+            }
+        } catch (const std::bad_alloc&) {
+            OFFLINE_LOGE("VxCamOfflineLogger allocate memory failed");
+            return 0;
         }
-    } catch (const std::bad_alloc&) {
-        OFFLINE_LOGE("VxCamOfflineLogger allocate memory failed");
-        return 0;
     }
-    if (m_multiPathMode == 1) {
-        // The thread's next core-dump text goes to a registration that carries the new path.
-        if (m_loggerType == CoredumpTxt) RequestBucketInPlace(CoredumpTxt);
-    }
+    // The thread's next core-dump text goes to a registration that carries the new path.
+    if (newRegistration) RequestBucketInPlace(CoredumpTxt);
     return 0;
 }
 
