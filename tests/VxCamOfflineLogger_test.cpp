@@ -68,6 +68,10 @@ class OfflineLoggerTest : public ::testing::Test {
         fs::create_directories(Camera());
         VxCamOfflineLogger::GetInstance(OfflineLog);  // the logger set exists
     }
+    // The process's default logger outlives the test: a camera close writes what the test left in
+    // it under the test's own root and ends its session there, so that the next test's lines
+    // begin a session under that test's root.
+    void TearDown() override { VxCamOfflineLogger::GetInstance(OfflineLog)->NotifyCameraClose(); }
     std::string Camera() const { return m_root / "data/vendor/camera"; }
     std::string Folder() const { return Camera() + "/VxCam_OfflineLog_" + kT1; }
 
@@ -619,9 +623,6 @@ TEST_F(OfflineLoggerTest, DebugFrameFeedsTheDefaultLogger) {
 // whose parent thread had logged before.
 TEST_F(OfflineLoggerTest, DebugFrameLinesOfAForkedChildCarryItsIds) {
     VxCamOfflineLogger* logger = VxCamOfflineLogger::GetInstance(OfflineLog);
-    // The process's logger may hold a session begun under an earlier test's root, since deleted:
-    // a camera close ends it, and the child's flush begins the next one under this test's root.
-    logger->NotifyCameraClose();
     const DebugLogInfo saved = g_logInfo;
     g_logInfo.offlineLogEnable = 1;
     g_logInfo.infoMask = 0xFFFFFFFF;
