@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "VxCamDebug.h"
+#include "VxCamLocalTime.h"
 #include "VxCamPortPath.h"
 
 namespace VxCam {
@@ -44,13 +45,6 @@ constexpr int kLevelPriority[] = {ANDROID_LOG_DEBUG, ANDROID_LOG_ERROR, ANDROID_
 
 int Status(int result) {
     return result == 0 ? 0 : 1;
-}
-
-// localtime_r, unlike localtime, need not read the time zone again: without tzset first, a zone
-// changed while the camera runs would not show until the process restarts. Both are thread-safe.
-tm* LocalTime(const time_t* seconds, tm* local) {
-    tzset();
-    return localtime_r(seconds, local);
 }
 
 void FillCalendar(VxCamDateTime* dateTime, const tm& local) {

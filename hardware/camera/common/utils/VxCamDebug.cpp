@@ -12,6 +12,7 @@
 #include <log/log.h>
 
 #include "VxCamCommonUtils.h"
+#include "VxCamLocalTime.h"
 #include "VxCamOfflineLogger.h"
 #include "VxCamStaticSetting.h"
 
@@ -83,10 +84,8 @@ void HandOffToOfflineLogger(const char* levelLetter, const char* message) {
     OfflineLinePrefix& prefix = t_linePrefix;
     if (prefix.clockLength == 0 || prefix.second != now.tv_sec) {
         tm local = {};
-        // Unlike localtime, localtime_r need not read the zone again: a zone changed while the
-        // camera runs shows from the next second on.
-        tzset();
-        localtime_r(&now.tv_sec, &local);
+        // A zone changed while the camera runs shows from the next second on.
+        LocalTime(&now.tv_sec, &local);
         const int length = snprintf(prefix.clock, sizeof(prefix.clock),
                                     "%02d-%02d %02d:%02d:%02d:", local.tm_mon + 1, local.tm_mday,
                                     local.tm_hour, local.tm_min, local.tm_sec);

@@ -35,6 +35,7 @@
 #include <utils/CallStack.h>
 #include <utils/String8.h>
 
+#include "VxCamLocalTime.h"
 #include "VxCamStaticSetting.h"
 
 // The logger's own diagnostics go straight to the Android log: they must not re-enter the capture.
@@ -447,10 +448,7 @@ std::string Timestamp() {
     timeval now = {};
     gettimeofday(&now, nullptr);
     tm local = {};
-    // localtime_r, unlike localtime, does not look at the time zone again: names follow a change
-    // of zone only with tzset first.
-    tzset();
-    if (localtime_r(&now.tv_sec, &local) == nullptr) return std::string();
+    if (LocalTime(&now.tv_sec, &local) == nullptr) return std::string();
     char text[kTimestampSize];
     snprintf(text, sizeof(text), "%2d-%02d-%02d--%02d-%02d-%02d-%06ld", local.tm_year + 1900,
              local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
