@@ -988,8 +988,8 @@ LifetimeThreadInfo::~LifetimeThreadInfo() {
 
 int VxCamOfflineLogger::RegisterThread(unsigned int type) {
     // A core-dump registration outlives a camera close: the thread's old one goes first, with
-    // what it holds, or it would be left behind.
-    HandOverRegistration(type);
+    // what it holds, or it would be left behind. Those of the other types are gone by now.
+    if (type == CoredumpTxt || type == CoredumpBin) HandOverRegistration(type);
     t_sessionCnt[type] = m_sessionCount.load(std::memory_order_relaxed);
     t_logSize[type] = 0;
     t_segmentCnt[type] = 1;
@@ -1228,16 +1228,16 @@ void VxCamOfflineLogger::KeepThreadBookkeeping(const PerLogThreadInfo& info) {
 }
 
 int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
-    {
-        // Nothing to write: said at once, not after holding off every thread inside a line.
-        PoolHold lock(*m_pOfflineLoggerLock);
-        if (m_memPool.empty()) return 2;
-    }
     // A flush of everything writes the buckets that threads are still filling: none may copy a
     // line into one meanwhile. A camera close holds the capture off already; a host's own flush
     // of everything, or the crash report, is held off here.
     std::optional<ExclusiveHold> threads;
     if (flushAll == 1 && !m_pThreadLock->HeldExclusivelyByThisThread()) {
+        {
+            // Nothing to write: said at once, not after holding off every thread inside a line.
+            PoolHold lock(*m_pOfflineLoggerLock);
+            if (m_memPool.empty()) return 2;
+        }
         threads.emplace(*m_pThreadLock);
     }
     // Held from the start, not only while writing: the session prefix and the pool's size are
