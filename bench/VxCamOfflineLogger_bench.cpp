@@ -38,6 +38,7 @@
 #include <thread>
 #include <vector>
 
+#include <VxCamHostLog.h>
 #include <android/log.h>
 #include <benchmark/benchmark.h>
 #include <spdlog/async.h>
@@ -68,7 +69,7 @@ struct Context {
 };
 Context g_context;
 
-void NullSink(const struct __android_log_message*) {}
+void NullSink(const struct VxCamHostLogMessage*) {}
 
 // Removes what the runs wrote, so that a long run needs no more disk than one batch.
 void RemoveFilesIn(const std::string& folder) {
@@ -600,7 +601,7 @@ int main(int argc, char** argv) {
     }
     // What a host does once it is up: the masks are loaded, so the call-site gate decides alone.
     VxCam::g_logInfoUpdated = 1;
-    __android_log_set_logger(NullSink);
+    VxCamHostLogSetSink(NullSink);
     g_context.logger = VxCamOfflineLogger::GetInstance(VxCam::OfflineLog);
     if (g_context.logger == nullptr || g_context.logger->GetSettingLink() != 1) {
         fprintf(stderr, "the offline logger did not start under %s (3000 MB free needed)\n",

@@ -8,7 +8,10 @@ case "${1:-}" in
     "")
         packages=(
             cmake make g++ pkg-config git clang-format
-            zlib1g-dev libunwind-dev
+            zlib1g-dev
+            # AOSP's own platform headers, which the library and the host port are written against
+            android-libcutils-dev android-liblog-dev android-libutils-dev android-libbacktrace-dev
+            android-platform-system-core-headers
             libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
             python3
             # the fuzzers: libFuzzer, and llvm-symbolizer for their reports
@@ -22,7 +25,7 @@ case "${1:-}" in
         packages=(
             cmake make pkg-config python3
             g++-aarch64-linux-gnu qemu-user
-            libstdc++6:arm64 zlib1g-dev:arm64 libunwind-dev:arm64
+            libstdc++6:arm64 zlib1g-dev:arm64
             libgtest-dev:arm64 libgmock-dev:arm64
         )
         ;;

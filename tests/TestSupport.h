@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <VxCamHostLog.h>
 #include <android/log.h>
 
 #include <filesystem>
@@ -38,10 +39,10 @@ class LogCapture {
     LogCapture() {
         std::lock_guard<std::mutex> lock(Mutex());
         Current() = this;
-        __android_log_set_logger(Record);
+        VxCamHostLogSetSink(Record);
     }
     ~LogCapture() {
-        __android_log_set_logger(nullptr);
+        VxCamHostLogSetSink(nullptr);
         std::lock_guard<std::mutex> lock(Mutex());
         Current() = nullptr;
     }
@@ -78,7 +79,7 @@ class LogCapture {
         static LogCapture* current = nullptr;
         return current;
     }
-    static void Record(const __android_log_message* message) {
+    static void Record(const VxCamHostLogMessage* message) {
         std::lock_guard<std::mutex> lock(Mutex());
         if (Current() == nullptr) return;
         Current()->m_lines.push_back({message->priority, message->tag ? message->tag : "",

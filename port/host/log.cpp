@@ -1,7 +1,9 @@
-// liblog for a Linux host: every message goes to the current logger, by default to stderr in the
-// layout of `logcat -v threadtime`, so that host logs read, grep and parse like device logs.
+// liblog for a Linux host: every message goes to stderr in the layout of `logcat -v threadtime`,
+// so that host logs read, grep and parse like device logs, or to the sink a program installed.
 
 #include <android/log.h>
+
+#include <VxCamHostLog.h>
 
 #include <errno.h>
 #include <stdio.h>
@@ -14,7 +16,7 @@
 
 namespace {
 
-std::atomic<__android_logger_function> gLogger{nullptr};
+std::atomic<VxCamHostLogSink> gSink{nullptr};
 
 // liblog keeps errno intact across a log call: callers log a failure and then report errno.
 class ErrnoRestorer {
@@ -243,31 +245,9 @@ void ForEachLine(const char* message, Fn fn) {
     }
 }
 
-}  // namespace
-
-extern "C" void __android_log_stderr_logger(const struct __android_log_message* log_message);
-
-namespace {
-
-__android_logger_function CurrentLogger() {
-    __android_logger_function logger = gLogger.load(std::memory_order_acquire);
-    return logger != nullptr ? logger : __android_log_stderr_logger;
-}
-
-// ANDROID_LOG_TAGS belongs to the stderr logger; a logger of the program's own sees everything.
-bool DroppedBy(__android_logger_function logger, int priority, const char* tag) {
-    return logger == __android_log_stderr_logger && !StderrFilterPasses(priority, tag);
-}
-
-}  // namespace
-
-extern "C" {
-
-void __android_log_stderr_logger(const struct __android_log_message* log_message) {
-    if (log_message == nullptr) return;
-    ErrnoRestorer errnoRestorer;
-    const char* tag = log_message->tag != nullptr ? log_message->tag : "";
-    const char* message = log_message->message != nullptr ? log_message->message : "";
+void StderrSink(const struct VxCamHostLogMessage* log_message) {
+    const char* tag = log_message->tag;
+    const char* message = log_message->message;
     if (!StderrFilterPasses(log_message->priority, tag)) return;
 
     const LinePrefix prefix = MakeLinePrefix(log_message->priority, tag);
@@ -304,34 +284,32 @@ void __android_log_stderr_logger(const struct __android_log_message* log_message
     if (buffer != stackBuffer) free(buffer);
 }
 
-void __android_log_set_logger(__android_logger_function logger) {
-    gLogger.store(logger, std::memory_order_release);
+VxCamHostLogSink CurrentSink() {
+    VxCamHostLogSink sink = gSink.load(std::memory_order_acquire);
+    return sink != nullptr ? sink : StderrSink;
 }
 
-void __android_log_write_log_message(struct __android_log_message* log_message) {
-    if (log_message == nullptr) return;
-    ErrnoRestorer errnoRestorer;
-    struct __android_log_message message = *log_message;
-    if (message.tag == nullptr) message.tag = "";
-    if (message.message == nullptr) message.message = "";
-    CurrentLogger()(&message);
+// ANDROID_LOG_TAGS belongs to the stderr writer; a sink of the program's own sees everything.
+bool DroppedBy(VxCamHostLogSink sink, int priority, const char* tag) {
+    return sink == StderrSink && !StderrFilterPasses(priority, tag);
+}
+
+}  // namespace
+
+extern "C" {
+
+void VxCamHostLogSetSink(VxCamHostLogSink sink) {
+    gSink.store(sink, std::memory_order_release);
 }
 
 int __android_log_write(int prio, const char* tag, const char* text) {
     ErrnoRestorer errnoRestorer;
     if (tag == nullptr) tag = "";
     if (text == nullptr) text = "";
-    const __android_logger_function logger = CurrentLogger();
-    if (DroppedBy(logger, prio, tag)) return -EPERM;
-    struct __android_log_message message = {};
-    message.struct_size = sizeof(message);
-    message.buffer_id = 0;  // LOG_ID_MAIN
-    message.priority = prio;
-    message.tag = tag;
-    message.file = nullptr;
-    message.line = 0;
-    message.message = text;
-    logger(&message);
+    const VxCamHostLogSink sink = CurrentSink();
+    if (DroppedBy(sink, prio, tag)) return -EPERM;
+    const struct VxCamHostLogMessage message = {prio, tag, text};
+    sink(&message);
     return 1;
 }
 
@@ -339,7 +317,7 @@ int __android_log_vprint(int prio, const char* tag, const char* fmt, va_list ap)
     ErrnoRestorer errnoRestorer;
     if (tag == nullptr) tag = "";
     // Filtering before formatting spares the vsnprintf of every dropped verbose line.
-    if (DroppedBy(CurrentLogger(), prio, tag)) return -EPERM;
+    if (DroppedBy(CurrentSink(), prio, tag)) return -EPERM;
     char buffer[1024];
     if (fmt == nullptr) {
         buffer[0] = '\0';
@@ -355,6 +333,21 @@ int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
     int result = __android_log_vprint(prio, tag, fmt, ap);
     va_end(ap);
     return result;
+}
+
+// The fatal half of LOG_ALWAYS_FATAL and friends, which Android's own headers expand to.
+void __android_log_assert(const char* cond, const char* tag, const char* fmt, ...) {
+    char buffer[1024];
+    if (fmt != nullptr) {
+        va_list ap;
+        va_start(ap, fmt);
+        vsnprintf(buffer, sizeof(buffer), fmt, ap);
+        va_end(ap);
+    } else {
+        snprintf(buffer, sizeof(buffer), "Assertion failed: %s", cond != nullptr ? cond : "");
+    }
+    __android_log_write(ANDROID_LOG_FATAL, tag, buffer);
+    abort();
 }
 
 }  // extern "C"

@@ -53,7 +53,10 @@ extern "C" {
 
 // Read at every call rather than cached as on a device: the host has no property service to tell
 // the process about a change, and tests switch tags within one process.
-uint64_t atrace_get_enabled_tags(void) {
+// Nothing to set up: the tags are read at every call.
+void atrace_init() {}
+
+uint64_t atrace_get_enabled_tags() {
     char value[PROPERTY_VALUE_MAX];
     property_get("debug.atrace.tags.enableflags", value, "0");
     int savedErrno = errno;
@@ -78,7 +81,7 @@ void atrace_begin_body(const char* name) {
     WriteMarker(buffer, length);
 }
 
-void atrace_end_body(void) {
+void atrace_end_body() {
     char buffer[32];
     int length = snprintf(buffer, sizeof(buffer), "E|%d", static_cast<int>(getpid()));
     WriteMarker(buffer, length);

@@ -1,5 +1,10 @@
 // OS services: files, properties, strings, ids, clocks, a directory scan, dynamic libraries,
 // memory, compression, threads and scheduling, atomics and the semaphore.
+
+// Every trace section of the library belongs to the camera; <cutils/trace.h> reads this when it is
+// first included, so it comes before every header that might include it.
+#define ATRACE_TAG ATRACE_TAG_CAMERA
+
 #include "VxCamCommonUtils.h"
 
 #include <dirent.h>
@@ -71,7 +76,7 @@ bool TraceScopeEventsWanted() {
 }
 
 bool TraceSectionOn() {
-    return TraceScopeEventsWanted() && (atrace_get_enabled_tags() & ATRACE_TAG_CAMERA) != 0;
+    return TraceScopeEventsWanted() && ATRACE_ENABLED() != 0;
 }
 
 const char* LoaderError() {
@@ -761,9 +766,9 @@ void OsUtils::BindCores(const int* pCores, unsigned int count) {
 }
 
 void OsUtils::SleepMicroseconds(unsigned int microseconds) {
-    if (TraceSectionOn()) atrace_begin_body("OsUtilsSleepMicroseconds");
+    if (TraceSectionOn()) ATRACE_BEGIN("OsUtilsSleepMicroseconds");
     usleep(microseconds);
-    if (TraceSectionOn()) atrace_end_body();
+    if (TraceSectionOn()) ATRACE_END();
 }
 
 int OsUtils::NativeFenceWait(int fenceFd, int timeoutMilliseconds) {
@@ -1049,10 +1054,10 @@ class SemaphoreTrace {
         char label[kTraceLabelSize];
         OsUtils::SNPrintF(label, sizeof(label), "%s : %llu", operation,
                           static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(object)));
-        if (TraceSectionOn()) atrace_begin_body(label);
+        if (TraceSectionOn()) ATRACE_BEGIN(label);
     }
     ~SemaphoreTrace() {
-        if (TraceSectionOn()) atrace_end_body();
+        if (TraceSectionOn()) ATRACE_END();
     }
     SemaphoreTrace(const SemaphoreTrace&) = delete;
     SemaphoreTrace& operator=(const SemaphoreTrace&) = delete;

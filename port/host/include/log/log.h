@@ -1,4 +1,0 @@
-// Host stand-in for liblog's <log/log.h>.
-#pragma once
-
-#include <android/log.h>
