@@ -7,6 +7,9 @@
 //   LogSystem         a message through Log::LogSystem with offline logging on and the Android log
 //                     sent to a null sink, against SpdlogDefaultPattern: the same message formatted
 //                     by spdlog with its default pattern into a file
+//
+// The spdlog benchmarks are in spdlog_baseline_bench.cpp, which the host build links in; the
+// device's cc_benchmark has no spdlog and reports the rest, without the ratios to spdlog.
 //   FilteredMessage   a message the call-site gate turns away
 //   Flush             FlushLogToFile writing full buckets, against Fwrite of 3 MiB blocks filled
 //                     the same way
@@ -18,7 +21,9 @@
 //   VxCamOfflineLogger_bench [--sysroot DIR] [google-benchmark flags]
 //
 // Without --sysroot the files go to a temporary sysroot, removed at the end. The library reads its
-// properties while it loads, so the program runs itself again with VXCAM_SYSROOT set.
+// properties while it loads, so the program runs itself again with VXCAM_SYSROOT set. On a device
+// the library takes its paths and properties as they stand: the files go to /data/vendor/camera,
+// and vendor.camera.vcf.LogOfflineEnable must be 1 before the program starts.
 #include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -41,37 +46,31 @@
 #include <VxCamHostLog.h>
 #include <android/log.h>
 #include <benchmark/benchmark.h>
-#include <spdlog/async.h>
-#include <spdlog/sinks/basic_file_sink.h>
-#include <spdlog/spdlog.h>
 
+#include "OfflineLoggerBench.h"
 #include "VxCamDebug.h"
 #include "VxCamOfflineLogger.h"
+#include "VxCamPortPath.h"
+
+namespace vxcambench {
+Context g_context;
+}  // namespace vxcambench
 
 namespace {
 
 using VxCam::VxCamOfflineLogger;
+using vxcambench::g_context;
+using vxcambench::kCaptureLines;
+using vxcambench::kLineLength;
+using vxcambench::Message;
 
-constexpr unsigned kLineLength = 128;
 constexpr unsigned kBucketSize = 3145728;
 constexpr unsigned kLinesPerBucket = kBucketSize / kLineLength;
 constexpr unsigned kFlushBatch = 6;  // the text log's batch: a normal flush writes at 6 requests
-// Lines per thread in one run of a capture benchmark: long enough to cycle the pool, short enough
-// that the files written meanwhile stay in the page cache.
-constexpr int64_t kCaptureLines = int64_t{1} << 21;
 constexpr int64_t kFlushRounds = 8;  // batches of full buckets per run of Flush
-
-struct Context {
-    std::string camera;   // <sysroot>/data/vendor/camera
-    std::string scratch;  // spdlog's and fwrite's files
-    VxCamOfflineLogger* logger = nullptr;
-    char line[kLineLength + 1] = {};
-};
-Context g_context;
 
 void NullSink(const struct VxCamHostLogMessage*) {}
 
-// Removes what the runs wrote, so that a long run needs no more disk than one batch.
 void RemoveFilesIn(const std::string& folder) {
     DIR* dir = opendir(folder.c_str());
     if (dir == nullptr) return;
@@ -111,6 +110,16 @@ void RemoveTree(const std::string& path) {
     }
     for (const std::string& name : Entries(path)) RemoveTree(path + "/" + name);
     rmdir(path.c_str());
+}
+
+// What the camera folder held at the start, left alone: on a device it is the HAL's own folder.
+std::set<std::string> g_foundEntries;
+
+// Removes what the runs wrote, so that a long run needs no more disk than one batch.
+void RemoveWrittenFiles() {
+    for (const std::string& name : Entries(g_context.camera)) {
+        if (g_foundEntries.count(name) == 0) RemoveFilesIn(g_context.camera + "/" + name);
+    }
 }
 
 // The threads of one run meet here while the clock is stopped; the last one in does the work. The
@@ -163,7 +172,7 @@ void BM_AddLog(benchmark::State& state) {
     }
     g_rendezvous.Meet(state, [&] {
         logger->FlushLogToFile(0, 0);
-        RemoveFilesIn(g_context.camera);
+        RemoveWrittenFiles();
     });
     state.SetItemsProcessed(state.iterations());
 }
@@ -184,49 +193,7 @@ void BM_MemcpyLowerBound(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 
-std::string ScratchFile(const char* name) {
-    return g_context.scratch + "/" + name;
-}
-
-void BM_SpdlogSync(benchmark::State& state) {
-    const std::string path = ScratchFile("spdlog_sync.txt");
-    auto sink = std::make_shared<spdlog::sinks::basic_file_sink_st>(path, true);
-    spdlog::logger logger("sync", sink);
-    logger.set_pattern("%v");
-    // spdlog ends the line itself.
-    const spdlog::string_view_t text(g_context.line, kLineLength - 1);
-    for (auto _ : state) logger.info(text);
-    logger.flush();
-    unlink(path.c_str());
-    state.SetItemsProcessed(state.iterations());
-}
-
-void BM_SpdlogAsync(benchmark::State& state) {
-    const std::string path = ScratchFile("spdlog_async.txt");
-    auto pool = std::make_shared<spdlog::details::thread_pool>(8192, 1);
-    auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(path, true);
-    auto logger = std::make_shared<spdlog::async_logger>("async", sink, pool,
-                                                         spdlog::async_overflow_policy::block);
-    logger->set_pattern("%v");
-    const spdlog::string_view_t text(g_context.line, kLineLength - 1);
-    for (auto _ : state) logger->info(text);
-    logger->flush();
-    logger.reset();
-    pool.reset();  // joins the worker
-    unlink(path.c_str());
-    state.SetItemsProcessed(state.iterations());
-}
-
 // ---- The debug frame ------------------------------------------------------------------------
-
-// A typical HAL message, for the library and for spdlog alike.
-struct Message {
-    unsigned request = 4711;
-    int stream = 2;
-    const char* format = "YUV420NV12";
-    unsigned width = 4000;
-    unsigned height = 3000;
-};
 
 void BM_LogSystem(benchmark::State& state) {
     VxCamOfflineLogger* logger = g_context.logger;
@@ -244,25 +211,7 @@ void BM_LogSystem(benchmark::State& state) {
         }
     }
     logger->FlushLogToFile(0, 0);
-    RemoveFilesIn(g_context.camera);
-    state.SetItemsProcessed(state.iterations());
-}
-
-void BM_SpdlogDefaultPattern(benchmark::State& state) {
-    const std::string path = ScratchFile("spdlog_default.txt");
-    auto sink = std::make_shared<spdlog::sinks::basic_file_sink_st>(path, true);
-    spdlog::logger logger("frame", sink);  // default pattern: "[%Y-%m-%d %H:%M:%S.%e] [%n] [%l] %v"
-    Message message;
-    benchmark::DoNotOptimize(message);
-    for (auto _ : state) {
-        // The library's frame, word for word: label, group tag, file, line, function, message.
-        logger.info("[INFO    ][CORE   ] {}:" VXCAM_LOG_STRINGIFY(__LINE__) " {}() request {} "
-                    "stream {} format {} {}x{}",
-                    VxCam::Log::GetFileName(VXCAM_LOG_SOURCE), __func__, message.request,
-                    message.stream, message.format, message.width, message.height);
-    }
-    logger.flush();
-    unlink(path.c_str());
+    RemoveWrittenFiles();
     state.SetItemsProcessed(state.iterations());
 }
 
@@ -305,7 +254,7 @@ void BM_Flush(benchmark::State& state) {
         state.ResumeTiming();
         logger->FlushLogToFile(0, 0);
     }
-    RemoveFilesIn(g_context.camera);
+    RemoveWrittenFiles();
     state.SetBytesProcessed(state.iterations() * int64_t{kBucketSize} * kFlushBatch);
 }
 
@@ -337,10 +286,7 @@ void BM_Fwrite(benchmark::State& state) {
 
 BENCHMARK(BM_AddLog)->Iterations(kCaptureLines)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_MemcpyLowerBound)->Iterations(kCaptureLines)->Threads(1)->Threads(2)->UseRealTime();
-BENCHMARK(BM_SpdlogSync)->Iterations(kCaptureLines)->UseRealTime();
-BENCHMARK(BM_SpdlogAsync)->Iterations(kCaptureLines)->UseRealTime();
 BENCHMARK(BM_LogSystem)->UseRealTime();
-BENCHMARK(BM_SpdlogDefaultPattern)->UseRealTime();
 BENCHMARK(BM_FilteredMessage)->UseRealTime();
 BENCHMARK(BM_Flush)->Iterations(kFlushRounds)->UseRealTime();
 BENCHMARK(BM_Fwrite)->Iterations(kFlushRounds)->UseRealTime();
@@ -587,8 +533,8 @@ int main(int argc, char** argv) {
     }
     const std::string sysroot = sysrootVariable;
     const bool owned = strcmp(ownedVariable, "1") == 0;
-    g_context.camera = sysroot + "/data/vendor/camera";
-    const std::set<std::string> before = Entries(g_context.camera);  // left as found
+    g_context.camera = VxCamPort::ResolveDevicePath("/data/vendor/camera");
+    g_foundEntries = Entries(g_context.camera);
     g_context.scratch = g_context.camera + "/bench";
     mkdir(g_context.scratch.c_str(), 0755);
 
@@ -647,12 +593,9 @@ int main(int argc, char** argv) {
     benchmark::Shutdown();
 
     g_context.logger->NotifyCameraClose();
-    if (owned) {
-        RemoveTree(sysroot);
-    } else {
-        for (const std::string& name : Entries(g_context.camera)) {
-            if (before.count(name) == 0) RemoveTree(g_context.camera + "/" + name);
-        }
+    for (const std::string& name : Entries(g_context.camera)) {
+        if (g_foundEntries.count(name) == 0) RemoveTree(g_context.camera + "/" + name);
     }
+    if (owned) RemoveTree(sysroot);
     return 0;
 }

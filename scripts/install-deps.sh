@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, and only those that are missing.
-#   install-deps.sh           the native build, its tests and benchmarks
-#   install-deps.sh aarch64   the 64-bit Arm cross build and qemu-user (scripts/cross-aarch64.sh)
+#   install-deps.sh           the native build, its tests and benchmarks, and the device compile
+#                             check (scripts/device-compile.sh) but for its arm64 C library headers
+#   install-deps.sh aarch64   the 64-bit Arm cross build and qemu-user (scripts/cross-aarch64.sh),
+#                             whose C library headers the device compile check uses too
 set -euo pipefail
 
 case "${1:-}" in
@@ -16,6 +18,11 @@ case "${1:-}" in
             python3
             # the fuzzers: libFuzzer, and llvm-symbolizer for their reports
             clang libclang-rt-dev llvm
+            # the device compile check: bpfmt, and Android's own headers as a device sees them
+            # (libc++'s headers are unpacked below rather than installed)
+            blueprint-tools libc++abi-dev
+            android-libcutils-dev android-liblog-dev android-libutils-dev android-libbacktrace-dev
+            android-platform-system-core-headers
         )
         ;;
     aarch64)
@@ -35,22 +42,49 @@ case "${1:-}" in
         ;;
 esac
 
+installed() {
+    dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'
+}
+
+# libc++'s headers for the device compile check (a device links libc++), from the libc++-N-dev
+# that goes with the installed clang. That package cannot be installed beside libunwind-dev, which
+# the host port needs: it depends on libunwind-N-dev, which conflicts with libunwind-dev. So it is
+# unpacked into .cache/ instead, which needs apt's package lists but not root.
+unpack_libcxx_headers() {
+    local major package cache scratch
+    major=$(clang --version | sed -n 's/.*clang version \([0-9]*\)\..*/\1/p' | head -n 1)
+    package=libc++-$major-dev
+    cache=$(cd "$(dirname "$0")/.." && pwd)/.cache/$package
+    [ -e "/usr/lib/llvm-$major/include/c++/v1/__config" ] && return 0
+    [ -e "$cache/usr/lib/llvm-$major/include/c++/v1/__config" ] && return 0
+    echo "install-deps: unpacking $package into $cache"
+    scratch=$(mktemp -d)
+    (cd "$scratch" && apt-get download -qq -o APT::Sandbox::User=root "$package") &&
+        rm -rf "$cache" && mkdir -p "$cache" && dpkg-deb -x "$scratch"/*.deb "$cache"
+    local status=$?
+    rm -rf "$scratch"
+    return $status
+}
+
 missing=()
 for package in "${packages[@]}"; do
-    if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
-        missing+=("$package")
-    fi
+    installed "$package" || missing+=("$package")
 done
-[ ${#missing[@]} -eq 0 ] && exit 0
 
-if [ "$(id -u)" -ne 0 ]; then
-    echo "install-deps: missing packages: ${missing[*]}; run as root to install them" >&2
-    exit 1
+if [ ${#missing[@]} -gt 0 ]; then
+    if [ "$(id -u)" -ne 0 ]; then
+        echo "install-deps: missing packages: ${missing[*]}; run as root to install them" >&2
+        exit 1
+    fi
+    echo "install-deps: installing ${missing[*]}"
+    export DEBIAN_FRONTEND=noninteractive
+    if [ "${1:-}" = aarch64 ] && ! dpkg --print-foreign-architectures | grep -qx arm64; then
+        dpkg --add-architecture arm64
+    fi
+    apt-get update -qq
+    apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
-echo "install-deps: installing ${missing[*]}"
-export DEBIAN_FRONTEND=noninteractive
-if [ "${1:-}" = aarch64 ] && ! dpkg --print-foreign-architectures | grep -qx arm64; then
-    dpkg --add-architecture arm64
+
+if [ -z "${1:-}" ]; then
+    unpack_libcxx_headers
 fi
-apt-get update -qq
-apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# The test command: installs what is missing, builds, and runs every test twice: once in a plain
-# build, once under AddressSanitizer and UndefinedBehaviorSanitizer; a short soak of vxcamctl
-# session on the plain build; then the offline logger under ThreadSanitizer, each fuzzer for 30
-# seconds, and the whole suite cross-built for aarch64 under qemu-user. Any failure or sanitizer
-# report fails the run.
+# The test command: installs what is missing, builds, compiles the library as Soong would for a
+# device (scripts/device-compile.sh), and runs every test twice: once in a plain build, once under
+# AddressSanitizer and UndefinedBehaviorSanitizer; a short soak of vxcamctl session on the plain
+# build; then the offline logger under ThreadSanitizer, each fuzzer for 30 seconds, and the whole
+# suite cross-built for aarch64 under qemu-user. Any failure, warning or sanitizer report fails the
+# run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -22,6 +23,7 @@ camera_root() {
 echo "== build"
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$jobs"
+./scripts/device-compile.sh
 echo "== tests"
 ctest --test-dir build --output-on-failure -j"$jobs"
 echo "== benchmarks: a smoke run (the figures come from a run by hand, see the README)"
