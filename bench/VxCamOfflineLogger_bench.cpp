@@ -43,7 +43,7 @@
 #include <thread>
 #include <vector>
 
-#include <VxCamHostLog.h>
+#include <VxCamLogSink.h>
 #include <android/log.h>
 #include <benchmark/benchmark.h>
 
@@ -69,7 +69,7 @@ constexpr unsigned kLinesPerBucket = kBucketSize / kLineLength;
 constexpr unsigned kFlushBatch = 6;  // the text log's batch: a normal flush writes at 6 requests
 constexpr int64_t kFlushRounds = 8;  // batches of full buckets per run of Flush
 
-void NullSink(const struct VxCamHostLogMessage*) {}
+void NullSink(const struct VxCamLogMessage*) {}
 
 void RemoveFilesIn(const std::string& folder) {
     DIR* dir = opendir(folder.c_str());
@@ -547,7 +547,7 @@ int main(int argc, char** argv) {
     }
     // What a host does once it is up: the masks are loaded, so the call-site gate decides alone.
     VxCam::g_logInfoUpdated = 1;
-    VxCamHostLogSetSink(NullSink);
+    VxCamLogSetSink(NullSink);
     g_context.logger = VxCamOfflineLogger::GetInstance(VxCam::OfflineLog);
     if (g_context.logger == nullptr || g_context.logger->GetSettingLink() != 1) {
         fprintf(stderr, "the offline logger did not start under %s (3000 MB free needed)\n",

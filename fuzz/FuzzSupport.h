@@ -6,20 +6,20 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include <VxCamHostLog.h>
+#include <VxCamLogSink.h>
 #include <android/log.h>
 
 #include "VxCamDebug.h"
 
 namespace vxcamfuzz {
 
-inline void DropLine(const struct VxCamHostLogMessage*) {}
+inline void DropLine(const struct VxCamLogMessage*) {}
 
 // Every debug line of every group and level is formatted, so the sanitizers see the formatting of
 // what the fuzzed input put into it; the lines themselves go nowhere, at the speed of a dropped
 // line. Lines stay out of the offline logger.
 inline void FormatEveryLineQuietly() {
-    VxCamHostLogSetSink(DropLine);
+    VxCamLogSetSink(DropLine);
     VxCam::DebugLogInfo& info = VxCam::g_logInfo;
     info.debugMask = info.errorMask = info.warningMask = info.level3Mask = 0xFFFFFFFFu;
     info.infoMask = info.verboseMask = 0xFFFFFFFFu;

@@ -103,9 +103,8 @@ library_includes+=("-I$android_headers")
 # bionic's. Where those cannot work, the build machine's own target, said so.
 clang_major=$(clang --version | sed -n 's/.*clang version \([0-9]*\)\..*/\1/p' | head -n 1)
 libcxx=/usr/lib/llvm-$clang_major/include/c++/v1
-[ -e "$libcxx/__config" ] || libcxx=.cache/libc++-$clang_major-dev/$libcxx
 if [ ! -e "$libcxx/__config" ]; then
-    echo "device-compile: no libc++ headers (scripts/install-deps.sh unpacks them)" >&2
+    echo "device-compile: no libc++ headers in $libcxx (libc++-dev)" >&2
     exit 1
 fi
 toolchain=(clang++ -nostdinc++ -cxx-isystem "$libcxx")

@@ -18,11 +18,8 @@ case "${1:-}" in
             python3
             # the fuzzers: libFuzzer, and llvm-symbolizer for their reports
             clang libclang-rt-dev llvm
-            # the device compile check: bpfmt, and Android's own headers as a device sees them
-            # (libc++'s headers are unpacked below rather than installed)
-            blueprint-tools libc++abi-dev
-            android-libcutils-dev android-liblog-dev android-libutils-dev android-libbacktrace-dev
-            android-platform-system-core-headers
+            # the device compile check: bpfmt, and libc++, a device's C++ library
+            blueprint-tools libc++-dev libc++abi-dev
         )
         ;;
     aarch64)
@@ -46,26 +43,6 @@ installed() {
     dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'
 }
 
-# libc++'s headers for the device compile check (a device links libc++), from the libc++-N-dev
-# that goes with the installed clang. That package cannot be installed beside libunwind-dev, which
-# the host port needs: it depends on libunwind-N-dev, which conflicts with libunwind-dev. So it is
-# unpacked into .cache/ instead, which needs apt's package lists but not root.
-unpack_libcxx_headers() {
-    local major package cache scratch
-    major=$(clang --version | sed -n 's/.*clang version \([0-9]*\)\..*/\1/p' | head -n 1)
-    package=libc++-$major-dev
-    cache=$(cd "$(dirname "$0")/.." && pwd)/.cache/$package
-    [ -e "/usr/lib/llvm-$major/include/c++/v1/__config" ] && return 0
-    [ -e "$cache/usr/lib/llvm-$major/include/c++/v1/__config" ] && return 0
-    echo "install-deps: unpacking $package into $cache"
-    scratch=$(mktemp -d)
-    (cd "$scratch" && apt-get download -qq -o APT::Sandbox::User=root "$package") &&
-        rm -rf "$cache" && mkdir -p "$cache" && dpkg-deb -x "$scratch"/*.deb "$cache"
-    local status=$?
-    rm -rf "$scratch"
-    return $status
-}
-
 missing=()
 for package in "${packages[@]}"; do
     installed "$package" || missing+=("$package")
@@ -83,8 +60,4 @@ if [ ${#missing[@]} -gt 0 ]; then
     fi
     apt-get update -qq
     apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
-
-if [ -z "${1:-}" ]; then
-    unpack_libcxx_headers
 fi

@@ -11,7 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <VxCamHostLog.h>
+#include <VxCamLogSink.h>
 #include <android/log.h>
 
 #include <filesystem>
@@ -39,10 +39,10 @@ class LogCapture {
     LogCapture() {
         std::lock_guard<std::mutex> lock(Mutex());
         Current() = this;
-        VxCamHostLogSetSink(Record);
+        VxCamLogSetSink(Record);
     }
     ~LogCapture() {
-        VxCamHostLogSetSink(nullptr);
+        VxCamLogSetSink(nullptr);
         std::lock_guard<std::mutex> lock(Mutex());
         Current() = nullptr;
     }
@@ -79,7 +79,7 @@ class LogCapture {
         static LogCapture* current = nullptr;
         return current;
     }
-    static void Record(const VxCamHostLogMessage* message) {
+    static void Record(const VxCamLogMessage* message) {
         std::lock_guard<std::mutex> lock(Mutex());
         if (Current() == nullptr) return;
         Current()->m_lines.push_back({message->priority, message->tag ? message->tag : "",

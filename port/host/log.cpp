@@ -3,7 +3,7 @@
 
 #include <android/log.h>
 
-#include <VxCamHostLog.h>
+#include <VxCamLogSink.h>
 
 #include <errno.h>
 #include <stdio.h>
@@ -16,7 +16,7 @@
 
 namespace {
 
-std::atomic<VxCamHostLogSink> gSink{nullptr};
+std::atomic<VxCamLogSinkFn> gSink{nullptr};
 
 // liblog keeps errno intact across a log call: callers log a failure and then report errno.
 class ErrnoRestorer {
@@ -245,7 +245,7 @@ void ForEachLine(const char* message, Fn fn) {
     }
 }
 
-void StderrSink(const struct VxCamHostLogMessage* log_message) {
+void StderrSink(const struct VxCamLogMessage* log_message) {
     const char* tag = log_message->tag;
     const char* message = log_message->message;
     if (!StderrFilterPasses(log_message->priority, tag)) return;
@@ -284,13 +284,13 @@ void StderrSink(const struct VxCamHostLogMessage* log_message) {
     if (buffer != stackBuffer) free(buffer);
 }
 
-VxCamHostLogSink CurrentSink() {
-    VxCamHostLogSink sink = gSink.load(std::memory_order_acquire);
+VxCamLogSinkFn CurrentSink() {
+    VxCamLogSinkFn sink = gSink.load(std::memory_order_acquire);
     return sink != nullptr ? sink : StderrSink;
 }
 
 // ANDROID_LOG_TAGS belongs to the stderr writer; a sink of the program's own sees everything.
-bool DroppedBy(VxCamHostLogSink sink, int priority, const char* tag) {
+bool DroppedBy(VxCamLogSinkFn sink, int priority, const char* tag) {
     return sink == StderrSink && !StderrFilterPasses(priority, tag);
 }
 
@@ -298,7 +298,7 @@ bool DroppedBy(VxCamHostLogSink sink, int priority, const char* tag) {
 
 extern "C" {
 
-void VxCamHostLogSetSink(VxCamHostLogSink sink) {
+void VxCamLogSetSink(VxCamLogSinkFn sink) {
     gSink.store(sink, std::memory_order_release);
 }
 
@@ -306,9 +306,9 @@ int __android_log_write(int prio, const char* tag, const char* text) {
     ErrnoRestorer errnoRestorer;
     if (tag == nullptr) tag = "";
     if (text == nullptr) text = "";
-    const VxCamHostLogSink sink = CurrentSink();
+    const VxCamLogSinkFn sink = CurrentSink();
     if (DroppedBy(sink, prio, tag)) return -EPERM;
-    const struct VxCamHostLogMessage message = {prio, tag, text};
+    const struct VxCamLogMessage message = {prio, tag, text};
     sink(&message);
     return 1;
 }

@@ -29,7 +29,7 @@
 #include <thread>
 #include <vector>
 
-#include <VxCamHostLog.h>
+#include <VxCamLogSink.h>
 #include <android/log.h>
 
 #include "Commands.h"
@@ -154,7 +154,7 @@ struct Library {
 std::atomic<unsigned long> s_skipReports{0};
 
 // Keeps the Android log quiet, counting the skip reports.
-void CountingLogger(const struct VxCamHostLogMessage* message) {
+void CountingLogger(const struct VxCamLogMessage* message) {
     if (message->message != nullptr &&
         strstr(message->message, "log is skipped due to camera is closing") != nullptr) {
         s_skipReports.fetch_add(1, std::memory_order_relaxed);
@@ -191,8 +191,8 @@ bool LoadLibrary(const Options& options, Library* library) {
                               logInfo->systemLogEnable == 1 && logInfo->offlineLogEnable == 1 &&
                               (logInfo->infoMask & 1u) != 0;
     if (!options.androidLog) {
-        using SetLogger = void (*)(void (*)(const struct VxCamHostLogMessage*));
-        auto setLogger = reinterpret_cast<SetLogger>(dlsym(RTLD_DEFAULT, "VxCamHostLogSetSink"));
+        using SetLogger = void (*)(void (*)(const struct VxCamLogMessage*));
+        auto setLogger = reinterpret_cast<SetLogger>(dlsym(RTLD_DEFAULT, "VxCamLogSetSink"));
         if (setLogger != nullptr) {
             setLogger(CountingLogger);
             library->countsSkips = true;
