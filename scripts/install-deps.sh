@@ -32,9 +32,15 @@ case "${1:-}" in
         ;;
 esac
 
+# A name without an architecture means the build machine's (or none): dpkg-query alone would take
+# libunwind-dev:arm64 for libunwind-dev.
+native=$(dpkg --print-architecture)
 missing=()
 for package in "${packages[@]}"; do
-    if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
+    arch=${package#*:}
+    [ "$arch" != "$package" ] || arch=$native
+    if ! dpkg-query -W -f='${Status} ${Architecture}\n' "${package%%:*}" 2>/dev/null |
+        grep -Eq "^install ok installed ($arch|all)\$"; then
         missing+=("$package")
     fi
 done
