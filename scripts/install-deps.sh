@@ -13,6 +13,8 @@ case "${1:-}" in
             python3
             # the fuzzers: libFuzzer, and llvm-symbolizer for their reports
             clang libclang-rt-dev llvm
+            # the interface's types against their baseline (tests/abi_types.sh)
+            abigail-tools
         )
         ;;
     aarch64)
