@@ -15,6 +15,9 @@ case "${1:-}" in
             clang libclang-rt-dev llvm
             # the interface's types against their baseline (tests/abi_types.sh)
             abigail-tools
+            # the libc++ build (scripts/libcxx.sh; GoogleTest from libgtest-dev's sources). Not
+            # libc++-dev: it depends on LLVM's libunwind-dev, which conflicts with libunwind-dev.
+            libc++1 libc++abi-dev
         )
         ;;
     aarch64)
