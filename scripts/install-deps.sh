@@ -18,8 +18,11 @@ case "${1:-}" in
             python3
             # the fuzzers: libFuzzer, and llvm-symbolizer for their reports
             clang libclang-rt-dev llvm
-            # the device compile check: bpfmt, and libc++, a device's C++ library
+            # the device compile check: bpfmt, and libc++, a device's C++ library (also for the
+            # libc++ build, scripts/libcxx.sh, with GoogleTest from libgtest-dev's sources)
             blueprint-tools libc++-dev libc++abi-dev
+            # the interface's types against their baseline (tests/abi_types.sh)
+            abigail-tools
         )
         ;;
     aarch64)
@@ -39,13 +42,17 @@ case "${1:-}" in
         ;;
 esac
 
-installed() {
-    dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'
-}
-
+# A name without an architecture means the build machine's (or none): dpkg-query alone would take
+# libunwind-dev:arm64 for libunwind-dev.
+native=$(dpkg --print-architecture)
 missing=()
 for package in "${packages[@]}"; do
-    installed "$package" || missing+=("$package")
+    arch=${package#*:}
+    [ "$arch" != "$package" ] || arch=$native
+    if ! dpkg-query -W -f='${Status} ${Architecture}\n' "${package%%:*}" 2>/dev/null |
+        grep -Eq "^install ok installed ($arch|all)\$"; then
+        missing+=("$package")
+    fi
 done
 
 if [ ${#missing[@]} -gt 0 ]; then

@@ -2,9 +2,9 @@
 # The test command: installs what is missing, builds, compiles the library as Soong would for a
 # device (scripts/device-compile.sh), and runs every test twice: once in a plain build, once under
 # AddressSanitizer and UndefinedBehaviorSanitizer; a short soak of vxcamctl session on the plain
-# build; then the offline logger under ThreadSanitizer, each fuzzer for 30 seconds, and the whole
-# suite cross-built for aarch64 under qemu-user. Any failure, warning or sanitizer report fails the
-# run.
+# build; then the offline logger under ThreadSanitizer, the whole suite built with clang against
+# libc++, each fuzzer for 30 seconds, and the whole suite cross-built for aarch64 under qemu-user.
+# Any failure, warning or sanitizer report fails the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -57,6 +57,8 @@ echo "== the same without membarrier: the capture lock's other handshake"
 TSAN_OPTIONS=halt_on_error=1 ANDROID_LOG_TAGS='*:s' \
     build-tsan/tools/vxcamctl session --sysroot "$tsan_root" --threads 8 --lines 20000 \
     --sessions 2 --close-while-logging --no-membarrier --quiet | tail -3
+
+./scripts/libcxx.sh
 
 echo "== fuzzers: libFuzzer under AddressSanitizer and UndefinedBehaviorSanitizer, 30 s each"
 ./scripts/fuzz.sh 30

@@ -33,7 +33,8 @@
 using namespace VxCam;
 namespace fs = std::filesystem;
 
-// Records the mode of every file the library opens under a test root.
+// Records the mode of every file opened for writing under a test root: the library's. The tests'
+// own reads leave no mark, though libc++'s file streams open through fopen (libstdc++'s do not).
 namespace {
 std::mutex g_openMutex;
 std::map<std::string, std::string> g_openModes;
@@ -42,7 +43,8 @@ std::map<std::string, std::string> g_openModes;
 extern "C" FILE* fopen(const char* path, const char* mode) {
     using Fopen = FILE* (*)(const char*, const char*);
     static Fopen real = reinterpret_cast<Fopen>(dlsym(RTLD_NEXT, "fopen"));
-    if (path != nullptr && strstr(path, "vxcamtest.") != nullptr) {
+    const bool writes = mode != nullptr && (mode[0] != 'r' || strchr(mode, '+') != nullptr);
+    if (writes && path != nullptr && strstr(path, "vxcamtest.") != nullptr) {
         std::lock_guard<std::mutex> lock(g_openMutex);
         g_openModes[path] = mode;
     }

@@ -85,14 +85,26 @@ bool WatchingThisThread(pthread_mutex_t* mutex) {
     return g_lockWindow.load() != kNoWindow && g_lockWindowTid.load() == gettid() &&
            mutex != PoolMutex();
 }
+
+// libc's own definition of a function replaced below, kept in a constant-initialised atomic rather
+// than a function-local static: libc++abi guards such a static with a pthread mutex, which would
+// call the replacement again before the static is set.
+template <typename Function>
+Function Next(std::atomic<Function>& cache, const char* name) {
+    Function function = cache.load();
+    if (function == nullptr) {
+        function = reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+        cache = function;
+    }
+    return function;
+}
 }  // namespace
 
 // The first mutex other than the pool lock that the watched thread takes is the writers' mutex
 // of the capture lock: nothing else is taken before it in a camera close.
 extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) {
-    using Lock = int (*)(pthread_mutex_t*);
-    static Lock real = reinterpret_cast<Lock>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
-    const int result = real(mutex);
+    static std::atomic<int (*)(pthread_mutex_t*)> real{nullptr};
+    const int result = Next(real, "pthread_mutex_lock")(mutex);
     if (WatchingThisThread(mutex) && g_writersMutex.load() == nullptr) {
         g_writersMutex = mutex;
         if (g_lockWindow.exchange(kNoWindow) == kAfterTakingWriters) {
@@ -105,13 +117,12 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) {
 }
 
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) {
-    using Unlock = int (*)(pthread_mutex_t*);
-    static Unlock real = reinterpret_cast<Unlock>(dlsym(RTLD_NEXT, "pthread_mutex_unlock"));
+    static std::atomic<int (*)(pthread_mutex_t*)> real{nullptr};
     if (WatchingThisThread(mutex) && mutex == g_writersMutex.load()) {
         g_lockWindow = kNoWindow;
         syscall(SYS_tgkill, getpid(), gettid(), SIGABRT);
     }
-    return real(mutex);
+    return Next(real, "pthread_mutex_unlock")(mutex);
 }
 
 namespace {
