@@ -111,7 +111,18 @@ void LoggerState::Check(OfflineLoggerType type) {
         for (int id : logger->*(&LoggerState::m_freeRegisterIds))
             free[static_cast<size_t>(id)] = true;
         for (size_t id = 0; id < registrations.size(); ++id) {
-            FUZZ_CHECK(free[id] || registrations[id].flushRequested != 0);
+            const VxCam::PerLogThreadInfo& info = registrations[id];
+            if (!free[id] && info.flushRequested == 0) {
+                // Rare and timing-bound so far: what the registration says is the lead.
+                fprintf(stderr,
+                        "type %u registration %zu of %zu: thread %u, bucket %u of %zu, session %u "
+                        "of %u, %u bytes, segment %d, flush state %u\n",
+                        static_cast<unsigned>(type), id, registrations.size(), info.threadId,
+                        info.bucketId, (logger->*(&LoggerState::m_memPool)).size(), info.sessionCnt,
+                        (logger->*(&LoggerState::m_sessionCount)).load(), info.logSize,
+                        info.segmentCnt, (logger->*(&LoggerState::m_sessionFlushState)).load());
+            }
+            FUZZ_CHECK(free[id] || info.flushRequested != 0);
         }
     }
     // Retention's names: the list settles one above its bound, and the set holds all of them.

@@ -6,7 +6,7 @@
 # so does an Android.bp that bpfmt would change.
 #
 # What it cannot show: bionic's headers (glibc's stand in, with the few bionic declarations the
-# library needs in port/android/stand-in/), the Android release's own versions of the AOSP headers
+# library needs in port/stand-in/), the Android release's own versions of the AOSP headers
 # (Debian packages Android 10's), the aarch64-linux-android target and linking.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -75,10 +75,10 @@ mapfile -t sources <<<"$sources"
 
 # The headers of the libraries it links that Android.bp does not define. Debian's AOSP headers go
 # in with -I, as Soong passes a library's exported folders; under the module's warnings they need
-# no -isystem. port/android/stand-in holds what Debian lacks: libsync's header and bionic's
+# no -isystem. port/stand-in holds what Debian lacks: libsync's header and bionic's
 # additions to the C library.
 android_headers=/usr/include/android
-library_includes=(-Iport/android/stand-in)
+library_includes=(-Iport/stand-in)
 for dependency in $(read_bp deps); do
     case $dependency in
         liblog | libcutils | libutils | libutilscallstack)
@@ -87,7 +87,7 @@ for dependency in $(read_bp deps); do
                 exit 1
             }
             ;;
-        libsync) ;;  # port/android/stand-in/sync/sync.h
+        libsync) ;;  # port/stand-in/sync/sync.h
         libz) ;;     # zlib.h, in the C library's folders
         libvxf) ;;   # its header comes from libvxcam_vxf_headers, among the module's flags
         *)

@@ -1,6 +1,6 @@
 // Bionic declares strlcpy and strlcat in <string.h>; glibc does so only from 2.38, and Debian 12
-// ships 2.36. For scripts/device-compile.sh, which compiles against glibc's headers in bionic's
-// place. A device build takes bionic's own.
+// ships 2.36. For the host build (port/host/strlcpy.cpp defines them) and scripts/device-compile.sh,
+// which compile against glibc's headers in bionic's place. A device build takes bionic's own.
 #pragma once
 
 #include_next <string.h>

@@ -1,6 +1,0 @@
-// Bionic's <sys/system_properties.h> for scripts/device-compile.sh: Debian's libcutils headers
-// include it for the two sizes below and nothing else. A device build takes bionic's own.
-#pragma once
-
-#define PROP_NAME_MAX 32
-#define PROP_VALUE_MAX 92
