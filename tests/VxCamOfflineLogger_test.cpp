@@ -896,3 +896,27 @@ TEST_F(OfflineLoggerTest, HostCallsWhileTheHostFlushes) {
 }
 
 }  // namespace
+
+// A disable resets the pool and then drops the buckets. A new core-dump path takes a bucket
+// without holding threads off, so one may come in between; its registration must go with the
+// buckets, or its thread would hold one that no pool has.
+TEST_F(OfflineLoggerTest, DisableLeavesNoRegistrationWithoutItsBucket) {
+    struct PathInBetween : TestLogger {
+        using TestLogger::TestLogger;
+        void SetAllToDefaultValue() override {
+            VxCamOfflineLogger::SetAllToDefaultValue();
+            SetCoredumpPath((m_path + "/core.txt").c_str());
+        }
+        std::string m_path;
+    } core(CoredumpTxt, {2, 2, 1, 64});
+    core.m_path = Camera();
+    ASSERT_EQ(core.GetSettingLink(), 1);
+    // On a thread of its own, which ends while the logger still exists.
+    OnNewThread([&] {
+        core.SetMultiPathMode(1);
+        core.DisableOfflinelogger();
+    });
+    EXPECT_TRUE(core.m_memPool.empty());
+    EXPECT_TRUE(core.m_perLogInfoPool.empty());
+    EXPECT_TRUE(core.m_freeRegisterIds.empty());
+}

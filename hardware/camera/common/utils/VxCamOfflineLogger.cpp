@@ -1467,6 +1467,12 @@ void VxCamOfflineLogger::DisableOfflinelogger() {
     m_memPool.clear();
     m_memPool.shrink_to_fit();
     m_freeBucketIds.clear();
+    // A new core-dump path takes a bucket without holding threads off, so a registration may have
+    // come in since the reset: none outlives the buckets.
+    m_freeRegisterIds.clear();
+    m_flushRequestIds.clear();
+    m_perLogInfoPool.clear();
+    m_registrationCount.store(0, std::memory_order_relaxed);
 }
 
 int VxCamOfflineLogger::IsEnableOfflinelogger() {
