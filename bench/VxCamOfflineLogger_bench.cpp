@@ -7,12 +7,12 @@
 //   LogSystem         a message through Log::LogSystem with offline logging on and the Android log
 //                     sent to a null sink, against SpdlogDefaultPattern: the same message formatted
 //                     by spdlog with its default pattern into a file
-//
-// The spdlog benchmarks are in spdlog_baseline_bench.cpp, which the host build links in; the
-// device's cc_benchmark has no spdlog and reports the rest, without the ratios to spdlog.
 //   FilteredMessage   a message the call-site gate turns away
 //   Flush             FlushLogToFile writing full buckets, against Fwrite of 3 MiB blocks filled
 //                     the same way
+//
+// The spdlog benchmarks are in spdlog_baseline_bench.cpp, which the host build links in; the
+// device's cc_benchmark has no spdlog and reports the rest, without the ratios to spdlog.
 //
 // Ratios of the medians are printed at the end. Flushes needed by the capture benchmarks run
 // while the clock is stopped: the host runs them on a thread of its own, and they are measured

@@ -245,10 +245,10 @@ void ForEachLine(const char* message, Fn fn) {
     }
 }
 
+// Filtered by ANDROID_LOG_TAGS before it is called (DroppedBy).
 void StderrSink(const struct VxCamLogMessage* log_message) {
     const char* tag = log_message->tag;
     const char* message = log_message->message;
-    if (!StderrFilterPasses(log_message->priority, tag)) return;
 
     const LinePrefix prefix = MakeLinePrefix(log_message->priority, tag);
     size_t total = 0;
