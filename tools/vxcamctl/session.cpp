@@ -300,6 +300,21 @@ class FlushThread : public WakeableThread {
         }
         self->m_wake.notify_one();
     }
+    // Retention deletes the files of sessions before the previous one, and a soak session spans
+    // two of the library's (it closes half way): held from before the session's last close until
+    // its files have been read back, so that a pass asked for earlier cannot take them first.
+    void HoldCleanups() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_cleanupHeld = true;
+        m_idle.wait(lock, [this] { return !m_cleaning; });
+    }
+    void ReleaseCleanups() {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_cleanupHeld = false;
+        }
+        m_wake.notify_one();
+    }
     unsigned long Flushes() const { return m_flushes.load(); }
     unsigned long Cleanups() const { return m_cleanups.load(); }
     double FlushSeconds() const { return m_flushSeconds; }  // once stopped
@@ -308,12 +323,15 @@ class FlushThread : public WakeableThread {
     void Run() {
         std::unique_lock<std::mutex> lock(m_mutex);
         for (;;) {
-            m_wake.wait(lock, [this] { return m_stop || m_pending > 0 || m_cleanup; });
-            if (m_pending == 0 && !m_cleanup && m_stop) return;
+            m_wake.wait(lock, [this] {
+                return m_stop || m_pending > 0 || (m_cleanup && !m_cleanupHeld);
+            });
+            const bool cleanup = m_cleanup && !m_cleanupHeld;
+            if (m_pending == 0 && !cleanup && m_stop) return;
             const bool flush = m_pending > 0;
-            const bool cleanup = m_cleanup;
             m_pending = 0;
-            m_cleanup = false;
+            if (cleanup) m_cleanup = false;
+            m_cleaning = cleanup;
             lock.unlock();
             if (flush) {
                 const auto start = Clock::now();
@@ -327,6 +345,10 @@ class FlushThread : public WakeableThread {
                 ++m_cleanups;
             }
             lock.lock();
+            if (m_cleaning) {
+                m_cleaning = false;
+                m_idle.notify_all();
+            }
         }
     }
 
@@ -336,6 +358,9 @@ class FlushThread : public WakeableThread {
     double m_flushSeconds = 0;
     unsigned long m_pending = 0;
     bool m_cleanup = false;
+    bool m_cleanupHeld = false;
+    bool m_cleaning = false;
+    std::condition_variable m_idle;  // a retention pass has ended
     std::atomic<unsigned long> m_flushes{0};
     std::atomic<unsigned long> m_cleanups{0};
 };
@@ -808,6 +833,7 @@ int RunSoak(const Options& options, const Library& library, const std::string& c
             library.table.noticeCameraOpen(kTextLog);
         }
         for (std::thread& slot : slots) slot.join();
+        flusher.HoldCleanups();
         CloseCamera(library, &run);
         const bool warming = sessions <= kWarmUpSessions || memory.Count() <= warmUp;
         if (warming) warmPool = PoolPeek::Read().buckets;
@@ -822,6 +848,7 @@ int RunSoak(const Options& options, const Library& library, const std::string& c
         Landed landed;
         ReadBack(camera, folders, &landed);
         for (const auto& file : landed.files) unlink((camera + "/" + file.first).c_str());
+        flusher.ReleaseCleanups();
         const Tally tally = Account(run, &landed, false);
         if (tally.lost != 0 || tally.duplicates != 0 || landed.outOfOrder != 0) {
             printf("session %u: logged %lu, landed %lu, lost %lu, duplicated %lu, out of order "
