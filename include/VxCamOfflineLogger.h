@@ -237,6 +237,15 @@ class VXCAM_API VxCamOfflineLogger {
     VXCAM_OFFLINE_INTERNAL void RecordTextFileName(const std::string& namePart);
     VXCAM_OFFLINE_INTERNAL void KeepThreadBookkeeping(const PerLogThreadInfo& info);
     VXCAM_OFFLINE_INTERNAL std::string DeviceRoot() const;
+    // A flush in three steps: the requests taken under the pool lock, the files written without
+    // it, the buckets given back under it again.
+    struct FlushBatch;
+    VXCAM_OFFLINE_INTERNAL int CollectFlush(FlushBatch& batch);
+    VXCAM_OFFLINE_INTERNAL void WriteFlush(FlushBatch& batch);
+    VXCAM_OFFLINE_INTERNAL void FinishFlush(FlushBatch& batch);
+    VXCAM_OFFLINE_INTERNAL void ResetForNextSession(FlushBatch* batch);
+    VXCAM_OFFLINE_INTERNAL void EndSession();
+    VXCAM_OFFLINE_INTERNAL void TakeBackBucket(unsigned int type);
 #undef VXCAM_OFFLINE_INTERNAL
     VxCamOfflineLogger(const VxCamOfflineLogger&) = delete;
     VxCamOfflineLogger& operator=(const VxCamOfflineLogger&) = delete;

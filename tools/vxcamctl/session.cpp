@@ -725,6 +725,7 @@ bool PrintTotals(const Library& library, const Tally& tally, const Landed& lande
 // ---- Soak ----------------------------------------------------------------------------------
 
 constexpr unsigned kSoakSessionSeconds = 2;
+constexpr size_t kFlushBatch = 6;  // the text log's: a normal flush writes at 6 requests
 constexpr unsigned kWarmUpSessions = 3;
 constexpr double kGrowthToleranceMiB = 8.0;
 
@@ -817,10 +818,19 @@ int RunSoak(const Options& options, const Library& library, const std::string& c
         const auto sessionEnd =
                 std::min(end, Clock::now() + std::chrono::seconds(kSoakSessionSeconds));
         std::vector<std::thread> slots;
+        const size_t behindLimit = options.threads + 4 * kFlushBatch;
         for (unsigned t = 0; t < options.threads; ++t) {
             slots.emplace_back([&, t] {
                 // Each batch on a thread of its own, which ends holding a part-filled bucket.
                 do {
+                    // A camera logs far less than its disk takes; these threads log as fast as
+                    // they can, and each batch leaves a file of its own to create. The library
+                    // holds no thread back for the disk, so the host does: the next batch waits
+                    // while the flush is more than a few batches behind, and the soak runs as a
+                    // camera whose disk keeps up.
+                    while (PoolPeek::Read().inFlight > behindLimit && Clock::now() < sessionEnd) {
+                        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                    }
                     std::thread(LogLines, std::cref(options), std::cref(library), 0u, t, &run).join();
                     threads.fetch_add(1, std::memory_order_relaxed);
                 } while (Clock::now() < sessionEnd);

@@ -43,6 +43,10 @@
     __android_log_print(priority, "VxCam", "%s():%d " fmt "\n", __func__, __LINE__, ##__VA_ARGS__)
 #define OFFLINE_LOGE(fmt, ...) OFFLINE_LOG(ANDROID_LOG_ERROR, fmt, ##__VA_ARGS__)
 #define OFFLINE_LOGW(fmt, ...) OFFLINE_LOG(ANDROID_LOG_WARN, fmt, ##__VA_ARGS__)
+// The steps of a flush speak under the name the host calls.
+#define FLUSH_LOGE(fmt, ...)                                                               \
+    __android_log_print(ANDROID_LOG_ERROR, "VxCam", "%s():%d " fmt "\n", "FlushLogToFile", \
+                        __LINE__, ##__VA_ARGS__)
 
 namespace VxCam {
 
@@ -89,6 +93,9 @@ struct CaptureThread {
     // Non-zero from before this thread asks for the pool lock until after it has let go, so that
     // a crash report on this thread knows the lock cannot be had.
     uint32_t poolHolds;
+    // Where this thread stands with a logger's flush turn (an ExclusivePhase), and whose.
+    uint8_t turnPhase;
+    uint8_t turnType;
     uint32_t* sessionCnt;
     unsigned char** logBuffer;
     int32_t* queuePoolId;
@@ -202,8 +209,7 @@ class OfflineLoggerThreadLock {
         // The signal may have come at any step of a shared hold, its release or its slow path
         // (which takes the writers' mutex for a moment): whatever this thread shows in the lock,
         // an exclusive holder waits for.
-        const bool visible = self.depth != 0 || self.waiting != 0 || self.counted != 0 ||
-                             (self.slot != nullptr && self.slot->inside.load() != 0);
+        const bool visible = ShowsSharedHold();
         SetPhase(self, kExclusiveAcquiring);
         if (!visible) {
             pthread_mutex_lock(&m_writerMutex);  // waits for other threads only
@@ -214,6 +220,14 @@ class OfflineLoggerThreadLock {
         DrainReaders(self, true);
         *taken = true;
         return true;
+    }
+
+    // Whether an exclusive holder would wait for the calling thread: a signal may have come at any
+    // step of a shared hold, its release or its slow path.
+    bool ShowsSharedHold() const {
+        const ThreadLockState& self = t_capture.lock;
+        return self.depth != 0 || self.waiting != 0 || self.counted != 0 ||
+               (self.slot != nullptr && self.slot->inside.load() != 0);
     }
 
     // Whether the calling thread counts as holding the lock shared without holding it: a
@@ -420,6 +434,71 @@ class PoolHold {
     std::mutex& m_mutex;
 };
 
+// One flush of a logger writes files at a time: the files of a thread are appended to in the order
+// its buckets were handed over, and the session's bookkeeping is kept in the order of the writes.
+// The pool lock is held only to take the requests and to give the buckets back, so a capturing
+// thread that needs a bucket never waits for the disk. Taken before the capture lock and the pool
+// lock; camera close, disable, pool clean-up and retention take it too, so that no bucket is
+// released, and no session's records move, under a flush that is writing.
+pthread_mutex_t s_flushTurns[4] = {PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
+                                   PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER};
+
+// The flush turn as the library takes it. A thread that holds it already (a crash report on a
+// thread that was flushing, a camera close that flushes) goes on under the hold it has.
+class TurnHold {
+  public:
+    explicit TurnHold(uint32_t type) : m_type(static_cast<uint8_t>(type & 3)) {
+        CaptureThread& self = t_capture;
+        if (self.turnPhase == kExclusiveHeld && self.turnType == m_type) return;
+        Enter(self, kExclusiveAcquiring);
+        pthread_mutex_lock(&s_flushTurns[m_type]);
+        Enter(self, kExclusiveHeld);
+        m_owner = true;
+    }
+    // The crash report's way in: gives up after `patience` rather than wait for a holder that
+    // may be waiting for this very thread.
+    TurnHold(uint32_t type, std::chrono::milliseconds patience)
+        : m_type(static_cast<uint8_t>(type & 3)) {
+        CaptureThread& self = t_capture;
+        if (self.turnPhase == kExclusiveHeld && self.turnType == m_type) return;
+        Enter(self, kExclusiveAcquiring);
+        const auto until = std::chrono::steady_clock::now() + patience;
+        while (pthread_mutex_trylock(&s_flushTurns[m_type]) != 0) {
+            if (std::chrono::steady_clock::now() >= until) {
+                Enter(self, kExclusiveNone);
+                m_failed = true;
+                return;
+            }
+            const timespec pause = {0, 1000000};
+            nanosleep(&pause, nullptr);
+        }
+        Enter(self, kExclusiveHeld);
+        m_owner = true;
+    }
+    ~TurnHold() {
+        if (!m_owner) return;
+        CaptureThread& self = t_capture;
+        Enter(self, kExclusiveReleasing);
+        pthread_mutex_unlock(&s_flushTurns[m_type]);
+        Enter(self, kExclusiveNone);
+    }
+    bool Failed() const { return m_failed; }
+    TurnHold(const TurnHold&) = delete;
+    TurnHold& operator=(const TurnHold&) = delete;
+
+  private:
+    void Enter(CaptureThread& self, ExclusivePhase phase) const {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        self.turnPhase = phase;
+        self.turnType = m_type;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
+
+    uint8_t m_type;
+    bool m_owner = false;
+    bool m_failed = false;
+};
+
 std::mutex s_offlineLoggerMutex;
 OfflineLoggerThreadLock s_threadLock;
 std::atomic<bool> s_threadGuard{false};
@@ -427,6 +506,9 @@ std::atomic<bool> s_threadGuard{false};
 // The text or binary logger whose camera close is flushing everything on this thread: the session
 // ends with that flush, so no registration it finds is used again.
 thread_local const VxCamOfflineLogger* t_sessionEndingLogger = nullptr;
+
+// The session that the status report on this thread speaks of, when not the current one.
+thread_local uint32_t t_reportedSession = 0;
 
 // The entry table's per-type instance cache, shared with the thread-exit guard.
 std::atomic<VxCamOfflineLogger*> s_entryInstances[4];
@@ -503,18 +585,35 @@ class BucketPages {
         }
     }
 
-    // Zeroes a written bucket whose first `used` bytes the flush has written out.
-    static void ZeroAfterFlush(const std::vector<unsigned char*>& pool,
-                               const std::deque<int>& freeIds, unsigned char* bucket, size_t used,
-                               size_t warmLimit) {
+    // How many of the buckets a flush is about to write may keep their pages: as many as there are
+    // free buckets without pages to pass them on to, up to `warmLimit` free buckets with pages.
+    // With the pool lock held.
+    static size_t KeepBudget(const std::vector<unsigned char*>& pool,
+                             const std::deque<int>& freeIds, size_t warmLimit) {
+        std::lock_guard<std::mutex> lock(Mutex());
+        size_t warm = 0;
+        size_t cold = 0;
+        for (int id : freeIds) {
+            if (id < 0 || static_cast<size_t>(id) >= pool.size()) continue;
+            const Mapping* candidate = Find(pool[id]);
+            if (candidate == nullptr) continue;
+            if (candidate->warm) {
+                if (++warm >= warmLimit) return 0;
+            } else if (++cold >= warmLimit) {
+                break;
+            }
+        }
+        return std::min(warmLimit - warm, cold);
+    }
+
+    // Passes the pages of a written bucket, zeroed by the flush, to the free bucket first in line
+    // without any; they go back to the system when there is none or enough free buckets have
+    // pages. With the pool lock held, before the bucket is free again.
+    static void PassOn(const std::vector<unsigned char*>& pool, const std::deque<int>& freeIds,
+                       unsigned char* bucket, size_t warmLimit) {
         std::lock_guard<std::mutex> lock(Mutex());
         Mapping* mapping = Find(bucket);
-        if (mapping == nullptr) {
-            memset(bucket, 0, used);
-            return;
-        }
-        if (used == 0 && !mapping->warm) return;
-        used = std::min(used, mapping->length);
+        if (mapping == nullptr) return;
         Mapping* heir = nullptr;
         unsigned char* heirBucket = nullptr;
         size_t warm = 0;
@@ -532,25 +631,31 @@ class BucketPages {
             }
         }
         mapping->warm = false;
-        if (heir != nullptr && warm < warmLimit) {
-            memset(bucket, 0, used);
-            // The bucket stays mapped, empty; kernels before 5.7 refuse and the pages go back.
-            if (mremap(bucket, mapping->length, mapping->length,
-                       MREMAP_MAYMOVE | MREMAP_FIXED | MREMAP_DONTUNMAP, heirBucket) != MAP_FAILED) {
-                heir->warm = true;
-                return;
-            }
+        // The bucket stays mapped, empty; kernels before 5.7 refuse and the pages go back.
+        if (heir != nullptr && warm < warmLimit &&
+            mremap(bucket, mapping->length, mapping->length,
+                   MREMAP_MAYMOVE | MREMAP_FIXED | MREMAP_DONTUNMAP, heirBucket) != MAP_FAILED) {
+            heir->warm = true;
+            return;
         }
         madvise(bucket, mapping->length, MADV_DONTNEED);
     }
 
-    // Drops whatever the bucket holds; it reads as zeros afterwards.
-    static void GiveBack(unsigned char* bucket) {
+    // Drops whatever the bucket holds; it reads as zeros afterwards. False for a bucket that is
+    // not a mapping of this class (a derived logger's), which the caller zeroes itself.
+    static bool GiveBack(unsigned char* bucket) {
         std::lock_guard<std::mutex> lock(Mutex());
         Mapping* mapping = Find(bucket);
-        if (mapping == nullptr) return;
+        if (mapping == nullptr) return false;
         mapping->warm = false;
         madvise(bucket, mapping->length, MADV_DONTNEED);
+        return true;
+    }
+
+    static bool IsWarm(const unsigned char* bucket) {
+        std::lock_guard<std::mutex> lock(Mutex());
+        const Mapping* mapping = Find(bucket);
+        return mapping != nullptr && mapping->warm;
     }
 
   private:
@@ -886,6 +991,7 @@ int VxCamOfflineLogger::RequestNewLogQueue(unsigned char*& buffer, unsigned int 
 }
 
 void VxCamOfflineLogger::CleanupMemoryPool() {
+    TurnHold turn(m_loggerType);
     ExclusiveHold threads(*m_pThreadLock);
     PoolHold lock(*m_pOfflineLoggerLock);
     m_freeBucketIds.clear();
@@ -1075,13 +1181,12 @@ int VxCamOfflineLogger::AddLog(const char* log, unsigned int length) {
     } else {
         const uint32_t flushState = m_sessionFlushState.load(std::memory_order_relaxed);
         if (t_flushDone[type] != flushState) {
-            // A flush of every bucket has written this one out: start it over.
+            // A flush of every bucket has taken this one's text: start over, in the fresh bucket
+            // it may have left in its place.
             t_flushDone[type] = flushState;
             t_logSize[type] = 0;
             t_logCurPos[type] = 0;
-            const int32_t registerId = t_queuePoolId[type];
-            if (registerId >= 0 && registerId < m_registrationCount.load(std::memory_order_relaxed))
-                m_perLogInfoPool.data()[registerId].logSize = 0;
+            TakeBackBucket(type);
         }
         // The bucket test comes first, so a segment ends only on a line that fits its bucket.
         if (t_logCurPos[type] + length > bucketSize) {
@@ -1227,12 +1332,41 @@ void VxCamOfflineLogger::KeepThreadBookkeeping(const PerLogThreadInfo& info) {
     }
 }
 
+struct VxCamOfflineLogger::FlushBatch {
+    // One bucket of a flush: what the pool lock saw when the flush took it, and how its writing went.
+    struct Job {
+        int registerId;
+        PerLogThreadInfo info;  // as taken, path included: a camera close drops the registration
+        unsigned char* bucket;  // null when bucketId is outside the pool
+        bool held;              // written while its thread holds the registration
+        bool ended;             // held, but released once written: its session is over
+        bool swapped;    // held: its thread went on in a fresh bucket while this one is written
+        bool keepPages;  // zeroed in place, its pages then passed on
+        bool opened = false;
+        int writeError = 0;
+        float writeMs = 0.0f;
+    };
+    int flushAll;
+    bool endsSession;          // a camera close's flush of everything: the session ends with it
+    bool threadsHeld;          // the caller holds the capture lock exclusively (a crash report)
+    bool holdThreads = false;  // threads stay held off while the files are written
+    uint32_t session = 0;      // the session whose text this is
+    std::vector<Job> jobs;
+    std::vector<int> emptied;  // a camera close's free buckets that give their pages back
+    std::chrono::steady_clock::time_point start;
+};
+
 int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
-    // A flush of everything writes the buckets that threads are still filling: none may copy a
-    // line into one meanwhile. A camera close holds the capture off already; a host's own flush
-    // of everything, or the crash report, is held off here.
+    TurnHold turn(m_loggerType);
+    FlushBatch batch;
+    batch.flushAll = flushAll;
+    batch.endsSession = flushAll == 1 && t_sessionEndingLogger == this;
+    batch.threadsHeld = m_pThreadLock->HeldExclusivelyByThisThread();
+    // A flush of everything takes the buckets that threads are still filling: none may copy a line
+    // into one while it is taken. Threads are held off for that only; they go on in fresh buckets
+    // while the old ones are written.
     std::optional<ExclusiveHold> threads;
-    if (flushAll == 1 && !m_pThreadLock->HeldExclusivelyByThisThread()) {
+    if (flushAll == 1 && !batch.threadsHeld) {
         {
             // Nothing to write: said at once, not after holding off every thread inside a line.
             PoolHold lock(*m_pOfflineLoggerLock);
@@ -1240,151 +1374,20 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
         }
         threads.emplace(*m_pThreadLock);
     }
-    // Held from the start, not only while writing: the session prefix and the pool's size are
-    // shared with concurrent flushes and with threads that grow the pool.
-    PoolHold lock(*m_pOfflineLoggerLock);
-    if (m_memPool.empty()) return 2;
-    if (m_state.load() == kStateDisabled) return 2;
-    if (s_isInitValid.load() == 0) return 1;
     try {
-        if (flushAll == 1) {
-            // The state is left alone: a camera close has marked the logger closing already, and
-            // a flush of everything outside one must not, or the close would skip its own flush
-            // and drop what is logged until then.
-            for (size_t i = 0; i < m_perLogInfoPool.size(); ++i) {
-                m_flushRequestIds.push_back(static_cast<int>(i));
-            }
+        batch.jobs.reserve(64);
+        {
+            PoolHold lock(*m_pOfflineLoggerLock);
+            const int result = CollectFlush(batch);
+            if (result != 0) return result;
+            if (batch.endsSession) ResetForNextSession(&batch);
         }
-        if (m_prefixReady == 0) GetPrefixFilename();
-        if (m_statusDumpEnabled == 1) {
-            m_statusDumpFile = fopen((DeviceRoot() + "/Offlinelog_Dump.log").c_str(), "a+");
-            if (m_statusDumpFile != nullptr) {
-                m_statusFd = fileno(m_statusDumpFile);
-                DPrintF(m_statusFd,
-                        "+--------------------Offlinelogger Status-----------------------+\n");
-            }
-        }
-        const auto start = std::chrono::steady_clock::now();
-
-        if (flushAll == 0 && m_flushRequestCount < m_pConfigInfo->flushBatchSize) {
-            m_triggerOperation = 0;
-        } else {
-            m_triggerOperation = static_cast<uint32_t>(m_flushRequestIds.size());
-            const char* mode = m_loggerType == BinaryLog ? "ab+" : "a+";
-            const bool sessionEnds = t_sessionEndingLogger == this;
-            const uint32_t session = m_sessionCount.load();
-            while (!m_flushRequestIds.empty()) {
-                const int registerId = m_flushRequestIds.front();
-                if (registerId < 0 || static_cast<size_t>(registerId) >= m_perLogInfoPool.size()) {
-                    m_flushRequestIds.pop_front();
-                    continue;
-                }
-                PerLogThreadInfo& info = m_perLogInfoPool[registerId];
-                // Not handed over: written because everything is, while its thread still holds it.
-                const bool held = info.flushRequested == 0;
-                // Held, but no thread will write into it again: its session has ended (core-dump
-                // registrations outlive a camera close) or ends with this flush. Released once
-                // written, or at once when empty; its thread, if it lives, registers afresh. A
-                // released registration names no thread.
-                const bool ended = held && flushAll == 1 && info.threadId != 0 &&
-                                   (sessionEnds || info.sessionCnt != session);
-                const bool write =
-                        info.flushRequested == 1 || (held && flushAll == 1 && info.logSize != 0);
-                if (!write) {
-                    if (ended) {
-                        ReleaseRegistration(registerId);
-                        if (info.bucketId < m_memPool.size())
-                            BucketPages::GiveBack(m_memPool[info.bucketId]);
-                    }
-                    m_flushRequestIds.pop_front();
-                    continue;
-                }
-                if (info.fileNameReady == 0) {
-                    auto it = m_perLogInfoPool.begin() + registerId;
-                    const std::string namePart = GenerateLogFileNameByOfflineLoggerType(&it);
-                    info.fileNameReady = 1;
-                    if (m_loggerType == OfflineLog) RecordTextFileName(namePart);
-                }
-                FILE* file = fopen(info.path.c_str(), mode);
-                if (file == nullptr) {
-                    // Kept with its bucket and request: a later flush of everything finds it.
-                    OFFLINE_LOGE("Offlinelog failed to open file and write");
-                    m_flushRequestIds.pop_front();
-                    continue;
-                }
-                const bool bucketKnown = info.bucketId < m_memPool.size();
-                int writeError = 0;
-                if (bucketKnown) {
-                    const auto writeStart = std::chrono::steady_clock::now();
-                    errno = 0;
-                    if (fwrite(m_memPool[info.bucketId], 1, info.logSize, file) != info.logSize)
-                        writeError = errno != 0 ? errno : EIO;
-                    MonitorFileSystemHealth(MillisecondsSince(writeStart));
-                    // A normal flush returns a batch or more at once; keeping two batches ready
-                    // feeds the threads when the next flush runs late.
-                    BucketPages::ZeroAfterFlush(m_memPool, m_freeBucketIds,
-                                                m_memPool[info.bucketId], info.logSize,
-                                                2 * size_t{m_pConfigInfo->flushBatchSize});
-                } else {
-                    OFFLINE_LOGE(
-                            "Exceed memory pool size, session: %d, pool size: %zu, "
-                            "RegisterId: %d",
-                            m_sessionCount.load(), m_memPool.size(), info.bucketId);
-                }
-                ++m_totalFlushCount;
-                m_totalFlushSizeMB += static_cast<float>(info.logSize) * kBytesToMB;
-                errno = 0;
-                if (fclose(file) != 0 && writeError == 0) writeError = errno != 0 ? errno : EIO;
-                if (writeError != 0) {
-                    // A full disk: the text is lost and said to be. The bucket is recycled all
-                    // the same, since keeping it until there is room would let the pool grow
-                    // without bound while the disk stays full.
-                    OFFLINE_LOGE("Offlinelog failed to write %u bytes to %s: %s", info.logSize,
-                                 info.path.c_str(), strerror(writeError));
-                }
-                if (m_loggerType == OfflineLog) KeepThreadBookkeeping(info);
-
-                if (held && !ended) {
-                    // Its thread goes on in it, from the start, when it notices this flush; the
-                    // thread's exit or a full bucket hands it over later.
-                    info.logSize = 0;
-                    m_flushRequestIds.pop_front();
-                    continue;
-                }
-                if (!held && m_flushRequestCount > 0) --m_flushRequestCount;
-                ReleaseRegistration(registerId);
-                m_flushRequestIds.pop_front();
-            }
-        }
-
+        if (batch.endsSession) EndSession();
+        if (!batch.holdThreads) threads.reset();
+        WriteFlush(batch);
         if (backup == 1) BackupRecentModifyLog();
-        m_cleanupTriggerCount = 0;
-        if (flushAll == 0 && m_totalFlushSizeMB > static_cast<float>(m_maxFlushLogSizeThreshold) &&
-            m_loggerType == OfflineLog && m_cleanupTriggerLink != nullptr) {
-            m_cleanupTriggerLink(OfflineLog);
-        }
-        if (flushAll == 1) {
-            m_threadRegisterMap.clear();
-            // Counts the flushes of everything in the session, so that threads notice each one.
-            const uint32_t flushState = m_sessionFlushState.load() + 1;
-            m_sessionFlushState.store(flushState != 0 ? flushState : 1);
-            for (const PerLogThreadInfo& copy : m_flushedThreadList) {
-                m_recycleList.push_back(RecycleItemInfo{copy.sessionCnt, copy.segmentCnt,
-                                                        copy.fileSize, copy.path});
-            }
-            m_flushedThreadList.clear();
-            m_recycleList.splice(m_recycleList.end(), m_finishedThreadList);
-        }
-        // The last flush's duration, not a sum: the report shows what one flush costs.
-        m_totalFlushTimeMs = MillisecondsSince(start);
-        if (m_statusDumpEnabled == 1) DumpCurrentOfflineLogStatus();
-        if (flushAll == 1) {
-            m_totalFlushTimeMs = 0.0f;
-            m_totalFlushCount = 0;
-            m_removeSuccessCount = 0;
-            m_removeFailCount = 0;
-            m_requestMemoryCount = 0;
-        }
+        PoolHold lock(*m_pOfflineLoggerLock);
+        FinishFlush(batch);
     } catch (const std::bad_alloc&) {
         OFFLINE_LOGE("VxCamOfflineLogger allocate memory failed");
     }
@@ -1396,6 +1399,282 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
         m_statusFd = -1;
     }
     return 0;
+}
+
+// With the pool lock held (and, for a flush of everything, the capture lock). Takes the requests:
+// decides which registrations are written, names their files and detaches their buckets. Returns
+// the flush's result when it ends here.
+int VxCamOfflineLogger::CollectFlush(FlushBatch& batch) {
+    if (m_memPool.empty()) return 2;
+    if (m_state.load() == kStateDisabled) return 2;
+    if (s_isInitValid.load() == 0) return 1;
+    const int flushAll = batch.flushAll;
+    if (flushAll == 1) {
+        // The state is left alone: a camera close has marked the logger closing already, and a
+        // flush of everything outside one must not, or the close would skip its own flush and drop
+        // what is logged until then.
+        for (size_t i = 0; i < m_perLogInfoPool.size(); ++i) {
+            m_flushRequestIds.push_back(static_cast<int>(i));
+        }
+    }
+    if (m_prefixReady == 0) GetPrefixFilename();
+    if (m_statusDumpEnabled == 1) {
+        m_statusDumpFile = fopen((DeviceRoot() + "/Offlinelog_Dump.log").c_str(), "a+");
+        if (m_statusDumpFile != nullptr) {
+            m_statusFd = fileno(m_statusDumpFile);
+            DPrintF(m_statusFd,
+                    "+--------------------Offlinelogger Status-----------------------+\n");
+        }
+    }
+    batch.start = std::chrono::steady_clock::now();
+    if (flushAll == 0 && m_flushRequestCount < m_pConfigInfo->flushBatchSize) {
+        m_triggerOperation = 0;
+        return 0;
+    }
+    m_triggerOperation = static_cast<uint32_t>(m_flushRequestIds.size());
+    const uint32_t session = m_sessionCount.load();
+    batch.session = session;
+    // Buckets that threads go on filling are swapped for fresh ones, so that the threads need not
+    // wait for the write; a crash report holds them off anyway.
+    const bool swap = flushAll == 1 && !batch.threadsHeld && !batch.endsSession;
+    const size_t warmLimit = 2 * size_t{m_pConfigInfo->flushBatchSize};
+    size_t keepBudget = BucketPages::KeepBudget(m_memPool, m_freeBucketIds, warmLimit);
+    for (; !m_flushRequestIds.empty(); m_flushRequestIds.pop_front()) {
+        const int registerId = m_flushRequestIds.front();
+        if (registerId < 0 || static_cast<size_t>(registerId) >= m_perLogInfoPool.size()) continue;
+        PerLogThreadInfo& info = m_perLogInfoPool[registerId];
+        // Not handed over: written because everything is, while its thread still holds it.
+        const bool held = info.flushRequested == 0;
+        // Held, but no thread will write into it again: its session has ended (core-dump
+        // registrations outlive a camera close) or ends with this flush. Released once written,
+        // or at once when empty; its thread, if it lives, registers afresh. A released
+        // registration names no thread.
+        const bool ended = held && flushAll == 1 && info.threadId != 0 &&
+                           (batch.endsSession || info.sessionCnt != session);
+        const bool write = info.flushRequested == 1 || (held && flushAll == 1 && info.logSize != 0);
+        if (!write) {
+            if (ended && !batch.endsSession) {
+                ReleaseRegistration(registerId);
+                if (info.bucketId < m_memPool.size())
+                    BucketPages::GiveBack(m_memPool[info.bucketId]);
+            }
+            continue;
+        }
+        if (info.fileNameReady == 0) {
+            auto it = m_perLogInfoPool.begin() + registerId;
+            const std::string namePart = GenerateLogFileNameByOfflineLoggerType(&it);
+            info.fileNameReady = 1;
+            if (m_loggerType == OfflineLog) RecordTextFileName(namePart);
+        }
+        FlushBatch::Job job{registerId, info, nullptr, held, ended, false, false};
+        if (info.bucketId < m_memPool.size()) {
+            job.bucket = m_memPool[info.bucketId];
+            if (keepBudget != 0 && !batch.endsSession) {
+                job.keepPages = true;
+                --keepBudget;
+            }
+        }
+        if (held && !ended) {
+            if (swap && !m_freeBucketIds.empty() && job.bucket != nullptr) {
+                // A fresh bucket for the same file: the thread picks it up when it notices this
+                // flush, and the old one is free again once written.
+                info.bucketId = static_cast<uint32_t>(m_freeBucketIds.front());
+                m_freeBucketIds.pop_front();
+                job.swapped = true;
+            } else {
+                batch.holdThreads = true;  // written in place, under the threads' feet
+            }
+            info.logSize = 0;
+        } else if (!held) {
+            info.flushRequested = 2;  // being written: skipped if it comes up again
+        }
+        batch.jobs.push_back(std::move(job));
+    }
+    if (flushAll == 1 && !batch.endsSession) {
+        // Counts the flushes of everything in the session, so that threads notice each one and
+        // start their bucket over (a fresh one, when it was swapped).
+        const uint32_t flushState = m_sessionFlushState.load() + 1;
+        m_sessionFlushState.store(flushState != 0 ? flushState : 1);
+    }
+    return 0;
+}
+
+// Without the pool lock: only this flush touches the buckets it took.
+void VxCamOfflineLogger::WriteFlush(FlushBatch& batch) {
+    for (int id : batch.emptied) BucketPages::GiveBack(m_memPool[id]);
+    const char* mode = m_loggerType == BinaryLog ? "ab+" : "a+";
+    for (FlushBatch::Job& job : batch.jobs) {
+        FILE* file = fopen(job.info.path.c_str(), mode);
+        if (file == nullptr) {
+            // Kept with its bucket and request: a later flush of everything finds it.
+            FLUSH_LOGE("Offlinelog failed to open file and write");
+            continue;
+        }
+        job.opened = true;
+        const uint32_t size = job.info.logSize;
+        if (job.bucket != nullptr) {
+            const auto writeStart = std::chrono::steady_clock::now();
+            errno = 0;
+            if (fwrite(job.bucket, 1, size, file) != size) {
+                job.writeError = errno != 0 ? errno : EIO;
+            }
+            job.writeMs = MillisecondsSince(writeStart);
+        }
+        errno = 0;
+        if (fclose(file) != 0 && job.writeError == 0) job.writeError = errno != 0 ? errno : EIO;
+        if (job.bucket == nullptr) continue;
+        // Zeroed here, out of every lock: in place when its pages go to the next bucket in line,
+        // else by giving them back.
+        if (job.keepPages || !BucketPages::GiveBack(job.bucket)) memset(job.bucket, 0, size);
+    }
+}
+
+// With the pool lock held. The figures, the bookkeeping and the buckets, in the order written.
+void VxCamOfflineLogger::FinishFlush(FlushBatch& batch) {
+    const size_t warmLimit = 2 * size_t{m_pConfigInfo->flushBatchSize};
+    for (FlushBatch::Job& job : batch.jobs) {
+        const int registerId = job.registerId;
+        const bool closed = batch.endsSession;  // the registration is gone with the session
+        if (!job.opened) {
+            if (closed) {
+                // The session's text that could not be written is lost with it, as the reset
+                // drops every registration; the bucket is free again.
+                if (job.bucket != nullptr && !BucketPages::GiveBack(job.bucket)) {
+                    memset(job.bucket, 0, job.info.logSize);
+                }
+                m_freeBucketIds.push_back(static_cast<int>(job.info.bucketId));
+            } else if (!job.held) {
+                m_perLogInfoPool[registerId].flushRequested = 1;
+            } else if (job.swapped) {
+                // The thread went on in the fresh bucket; the text it had is lost.
+                if (job.bucket != nullptr && !BucketPages::GiveBack(job.bucket)) {
+                    memset(job.bucket, 0, job.info.logSize);
+                }
+                m_freeBucketIds.push_back(static_cast<int>(job.info.bucketId));
+            }
+            continue;
+        }
+        if (job.bucket != nullptr) {
+            MonitorFileSystemHealth(job.writeMs);
+            if (job.keepPages)
+                BucketPages::PassOn(m_memPool, m_freeBucketIds, job.bucket, warmLimit);
+        } else {
+            FLUSH_LOGE("Exceed memory pool size, session: %d, pool size: %zu, RegisterId: %d",
+                       batch.session, m_memPool.size(), job.info.bucketId);
+        }
+        ++m_totalFlushCount;
+        m_totalFlushSizeMB += static_cast<float>(job.info.logSize) * kBytesToMB;
+        if (job.writeError != 0) {
+            // A full disk: the text is lost and said to be. The bucket is recycled all the same,
+            // since keeping it until there is room would let the pool grow without bound while the
+            // disk stays full.
+            FLUSH_LOGE("Offlinelog failed to write %u bytes to %s: %s", job.info.logSize,
+                       job.info.path.c_str(), strerror(job.writeError));
+        }
+        if (m_loggerType == OfflineLog) KeepThreadBookkeeping(job.info);
+        if (!job.held && m_flushRequestCount > 0) --m_flushRequestCount;
+        if (closed || job.swapped) {
+            if (job.info.bucketId < m_memPool.size()) {
+                m_freeBucketIds.push_back(static_cast<int>(job.info.bucketId));
+            }
+            continue;
+        }
+        // Its thread goes on in it, from the start, when it notices this flush; the thread's exit
+        // or a full bucket hands it over later.
+        if (job.held && !job.ended) continue;
+        ReleaseRegistration(registerId);
+    }
+
+    for (int id : batch.emptied) m_freeBucketIds.push_back(id);
+    m_cleanupTriggerCount = 0;
+    if (batch.flushAll == 0 && m_totalFlushSizeMB > static_cast<float>(m_maxFlushLogSizeThreshold) &&
+        m_loggerType == OfflineLog && m_cleanupTriggerLink != nullptr) {
+        m_cleanupTriggerLink(OfflineLog);
+    }
+    if (batch.flushAll == 1) {
+        m_threadRegisterMap.clear();
+        for (const PerLogThreadInfo& copy : m_flushedThreadList) {
+            m_recycleList.push_back(
+                    RecycleItemInfo{copy.sessionCnt, copy.segmentCnt, copy.fileSize, copy.path});
+        }
+        m_flushedThreadList.clear();
+        m_recycleList.splice(m_recycleList.end(), m_finishedThreadList);
+    }
+    // The last flush's duration, not a sum: the report shows what one flush costs.
+    m_totalFlushTimeMs = MillisecondsSince(batch.start);
+    if (m_statusDumpEnabled == 1) {
+        // A camera close reports the session it ended, which its threads have left by now.
+        t_reportedSession = batch.session;
+        DumpCurrentOfflineLogStatus();
+        t_reportedSession = 0;
+    }
+    if (batch.flushAll == 1) {
+        m_totalFlushTimeMs = 0.0f;
+        m_totalFlushCount = 0;
+        m_removeSuccessCount = 0;
+        m_removeFailCount = 0;
+        m_requestMemoryCount = 0;
+    }
+}
+
+// With the pool lock and the capture lock held, once a camera close's flush has taken the
+// session's buckets: every other bucket is free and every registration dropped. Free buckets with
+// pages give them back before they are free again, out of the capture lock; the taken ones are
+// free once written.
+void VxCamOfflineLogger::ResetForNextSession(FlushBatch* batch) {
+    std::vector<bool> taken(m_memPool.size(), false);
+    for (const FlushBatch::Job& job : batch->jobs) {
+        if (job.info.bucketId < taken.size()) taken[job.info.bucketId] = true;
+    }
+    std::deque<int> free;
+    for (size_t i = 0; i < m_memPool.size(); ++i) {
+        if (taken[i]) continue;
+        if (BucketPages::IsWarm(m_memPool[i])) {
+            batch->emptied.push_back(static_cast<int>(i));
+        } else {
+            free.push_back(static_cast<int>(i));
+        }
+    }
+    m_prefixReady = 0;
+    m_sessionPrefix.clear();
+    m_freeBucketIds.swap(free);
+    m_freeRegisterIds.clear();
+    m_flushRequestIds.clear();
+    m_fileNameList.clear();
+    m_fileNameSet.clear();
+    m_fwriteTimeHistory.clear();
+    m_perLogInfoPool.clear();  // keeps its reservation: registrations never move
+    m_registrationCount.store(0, std::memory_order_relaxed);
+}
+
+// With the capture lock held exclusively: the camera close's last steps, which let the threads in
+// again in a new session.
+void VxCamOfflineLogger::EndSession() {
+    {
+        PoolHold lock(*m_pOfflineLoggerLock);
+        if (IsValidType(m_loggerType) && m_cameraOpenCount[TypeIndex(m_loggerType)] != 0) {
+            --m_cameraOpenCount[TypeIndex(m_loggerType)];
+        }
+    }
+    m_sessionFlushState.store(0);
+    m_state.store(kStateActive);
+    m_sessionCount.fetch_add(1);
+    m_pThreadGuard->store(false);
+    t_sessionEndingLogger = nullptr;  // the session has ended
+}
+
+// After a flush of everything: the thread's registration may hold a fresh bucket now.
+void VxCamOfflineLogger::TakeBackBucket(unsigned int type) {
+    const int32_t registerId = t_queuePoolId[type];
+    PoolHold lock(*m_pOfflineLoggerLock);
+    if (registerId < 0 || static_cast<size_t>(registerId) >= m_perLogInfoPool.size()) return;
+    PerLogThreadInfo& info = m_perLogInfoPool[registerId];
+    if (info.flushRequested != 0 || info.sessionCnt != t_sessionCnt[type] ||
+        info.threadId != static_cast<uint32_t>(gettid()) || info.bucketId >= m_memPool.size()) {
+        return;
+    }
+    t_logBuffer[type] = m_memPool[info.bucketId];
+    info.logSize = 0;
 }
 
 void VxCamOfflineLogger::FlushLogBySeperateThread() {
@@ -1430,36 +1709,28 @@ void VxCamOfflineLogger::NotifyCameraClose() {
         m_state.store(kStateClosing);
         flush = textOrBinary;
     }
-    // The guard goes up and the capture is shut out before the buckets are written, not after:
-    // no thread may copy into a bucket while the flush writes and recycles it. Lines that arrive
-    // meanwhile are dropped with a message, as during the rest of the close.
+    // The session's files are written before any flush of the next session's.
+    TurnHold turn(m_loggerType);
+    // Lines that arrive while the threads' buckets are taken are dropped with a message; the
+    // flush takes them with the capture shut out, starts the next session and lets the threads
+    // in again before it writes, so that a close drops only what comes in those microseconds.
     m_pThreadGuard->store(true);
-    {
+    t_sessionEndingLogger = this;
+    if (flush) FlushLogToFile(1, 0);
+    if (t_sessionEndingLogger == this) {
+        // No flush ended the session (the core-dump types, whose buckets outlive a close, or a
+        // pool with nothing to write): it ends here.
         ExclusiveHold threads(*m_pThreadLock);
-        if (flush) {
-            // The session ends with this flush: it releases every registration it finds, as the
-            // reset below would, so that its status report counts those buckets free.
-            t_sessionEndingLogger = this;
-            FlushLogToFile(1, 0);
-            t_sessionEndingLogger = nullptr;
-        }
         if (textOrBinary) SetAllToDefaultValue();
-        {
-            PoolHold lock(*m_pOfflineLoggerLock);
-            if (IsValidType(m_loggerType) && m_cameraOpenCount[TypeIndex(m_loggerType)] != 0) {
-                --m_cameraOpenCount[TypeIndex(m_loggerType)];
-            }
-        }
-        m_sessionFlushState.store(0);
-        m_state.store(kStateActive);
-        m_sessionCount.fetch_add(1);
-        m_pThreadGuard->store(false);
+        EndSession();
     }
 }
 
 void VxCamOfflineLogger::DisableOfflinelogger() {
     if (m_state.exchange(kStateDisabled) == kStateDisabled) return;
-    // Threads already past the state test finish their line before the buckets go.
+    // A flush that is writing finishes first, and threads already past the state test finish
+    // their line, before the buckets go.
+    TurnHold turn(m_loggerType);
     ExclusiveHold threads(*m_pThreadLock);
     SetAllToDefaultValue();
     PoolHold lock(*m_pOfflineLoggerLock);
@@ -1539,6 +1810,8 @@ void VxCamOfflineLogger::RemoveOlderLogFiles() {
     // pool lock, so retention takes its records off the lists and their sizes off the total under
     // it too. The files themselves are removed without it: threads that need a bucket must not
     // wait for the file system on retention's behalf.
+    // A camera close hands its session's records on only once its files are written.
+    TurnHold turn(m_loggerType);
     const uint32_t session = m_sessionCount.load();
     const float limit = static_cast<float>(m_maxFlushLogSizeThreshold);
     std::list<RecycleItemInfo> older;
@@ -1674,8 +1947,9 @@ int VxCamOfflineLogger::IsCoredumpEnabled() {
 }
 
 void VxCamOfflineLogger::SetStatusDumpEnabled(int enable) {
-    // Under the flush's lock: a flush opens the dump file only while the switch is on and closes
-    // it before it returns, so file and switch never disagree.
+    // Between flushes: a flush opens the dump file only while the switch is on and closes it
+    // before it returns, so file and switch never disagree.
+    TurnHold turn(m_loggerType);
     PoolHold lock(*m_pOfflineLoggerLock);
     m_statusDumpEnabled = enable == 1 ? 1 : 0;
 }
@@ -1685,7 +1959,8 @@ void VxCamOfflineLogger::SetStatusDumpEnabled(int enable) {
 int VxCamOfflineLogger::DumpCurrentOfflineLogStatus() {
     const int fd = m_statusFd;
     if (m_triggerOperation != 0) {
-        DPrintF(fd, "  Session                          : %d   \n", m_sessionCount.load());
+        DPrintF(fd, "  Session                          : %d   \n",
+                t_reportedSession != 0 ? t_reportedSession : m_sessionCount.load());
         DPrintF(fd, "  Logger Type                      : %s   \n", m_loggerTypeName.c_str());
         DPrintF(fd, "  Memory Pool Bucket (Total)       : %zu  \n", m_memPool.size());
         DPrintF(fd, "  Memory Pool Bucket (Available)   : %zu  \n", m_freeBucketIds.size());
@@ -1904,8 +2179,10 @@ __attribute__((noinline)) void ReportCrash(int sig, siginfo_t* info, void* conte
     // into or out of the exclusive hold, any call that takes them would wait for this very thread.
     const bool poolHeld = t_capture.poolHolds != 0;
     const uint8_t phase = t_capture.lock.exclusive;
-    const bool selfBlocked =
-            poolHeld || phase == kExclusiveAcquiring || phase == kExclusiveReleasing;
+    const uint8_t turnPhase = t_capture.turnPhase;
+    const bool selfBlocked = poolHeld || phase == kExclusiveAcquiring ||
+                             phase == kExclusiveReleasing || turnPhase == kExclusiveAcquiring ||
+                             turnPhase == kExclusiveReleasing;
     // A thread still waiting for its shared hold counts as holding it: a line now would go in
     // unguarded.
     const bool mayLog = logger != nullptr && !selfBlocked && !s_threadLock.WaitingForShared();
@@ -1977,11 +2254,20 @@ __attribute__((noinline)) void ReportCrash(int sig, siginfo_t* info, void* conte
             const int minimumMB = logger->GetMinimumRequireForBackupLog();
             const int backupEnabled = logger->GetEnableBackupLogWhileCrash();
             const int backup = freeMB > static_cast<double>(minimumMB) && backupEnabled == 1;
+            // The report's flush ends no session, whatever this thread was doing.
+            t_sessionEndingLogger = nullptr;
+            // A flush that another thread is writing ends first. One that is about to hold the
+            // threads off waits for this thread too, if it crashed inside a line: then the turn
+            // does not come.
+            const bool insideLine = s_threadLock.ShowsSharedHold();
+            TurnHold turn(OfflineLog, std::chrono::milliseconds(insideLine ? 1000 : 3000));
             // Nobody may copy into a bucket while it is written. A thread that crashed inside a
             // line holds the capture lock shared and can still take it exclusively, unless
             // another thread already waits to, and waits for this one.
             bool taken = false;
-            if (s_threadLock.LockForReport(&taken)) {
+            if (turn.Failed()) {
+                NoteUnflushed(scratch, "another thread's flush of the log did not end");
+            } else if (s_threadLock.LockForReport(&taken)) {
                 logger->FlushLogToFile(1, backup);
                 if (taken) s_threadLock.Unlock();
             } else {
