@@ -416,11 +416,13 @@ TEST_F(OfflineLoggerTest, BucketMemoryFollowsUse) {
     EXPECT_EQ(files.begin()->second.size(), 5 * line.size());
 }
 
-// Eight threads log while the camera closes and reopens under them. Every line whose AddLog did
-// not overlap a close must land, once, in order, in its thread's file; every line that did not
-// land is one the library reported as skipped.
+// Eight threads log while the camera closes and reopens under them and a host thread flushes. Every
+// line whose AddLog did not overlap a close must land, once, in order, in its thread's file; every
+// line that did not land is one the library reported as skipped.
 TEST_F(OfflineLoggerTest, CloseWhileThreadsLog) {
-    TestLogger logger(OfflineLog, {4, 4, 2, 4096});
+    // Small buckets, for many hand-overs; enough of them that no thread runs out while the flush
+    // falls behind eight threads that do nothing but log.
+    TestLogger logger(OfflineLog, {4, 4, 2, 16384});
     std::atomic<uint32_t> closeEpoch{0};  // odd while a close runs
     std::atomic<bool> stop{false};
     constexpr int kThreads = 8;
@@ -442,16 +444,20 @@ TEST_F(OfflineLoggerTest, CloseWhileThreadsLog) {
             }
         });
     }
+    // The flushes write while the threads log and the closes take their buckets.
+    std::thread flusher([&] {
+        while (!stop.load()) logger.FlushLogToFile(0, 0);
+    });
     for (int i = 0; i < 4; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
         closeEpoch.fetch_add(1);
         logger.NotifyCameraClose();
         closeEpoch.fetch_add(1);
         logger.NotifyCameraOpen();
-        logger.FlushLogToFile(0, 0);
     }
-    stop = true;
     for (std::thread& thread : threads) thread.join();
+    stop = true;
+    flusher.join();
     logger.NotifyCameraClose();
 
     std::vector<std::vector<int>> landed(kThreads);

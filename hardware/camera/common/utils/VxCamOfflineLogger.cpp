@@ -1373,6 +1373,10 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
             if (m_memPool.empty()) return 2;
         }
         threads.emplace(*m_pThreadLock);
+        // Raised once the threads inside a line have left, not before: a thread that waits
+        // for its shared hold meanwhile goes on afterwards, in the next session, rather than
+        // lose its line to a reader that is slow to leave.
+        if (batch.endsSession) m_pThreadGuard->store(true);
     }
     try {
         batch.jobs.reserve(64);
@@ -1709,18 +1713,18 @@ void VxCamOfflineLogger::NotifyCameraClose() {
         m_state.store(kStateClosing);
         flush = textOrBinary;
     }
-    // The session's files are written before any flush of the next session's.
+    // The session's files are written before any flush of the next session's. The flush takes
+    // the threads' buckets with the capture shut out, starts the next session and lets the
+    // threads in again before it writes; lines that arrive while it holds them off are dropped
+    // with a message, so that a close drops only what comes in those microseconds.
     TurnHold turn(m_loggerType);
-    // Lines that arrive while the threads' buckets are taken are dropped with a message; the
-    // flush takes them with the capture shut out, starts the next session and lets the threads
-    // in again before it writes, so that a close drops only what comes in those microseconds.
-    m_pThreadGuard->store(true);
     t_sessionEndingLogger = this;
     if (flush) FlushLogToFile(1, 0);
     if (t_sessionEndingLogger == this) {
         // No flush ended the session (the core-dump types, whose buckets outlive a close, or a
         // pool with nothing to write): it ends here.
         ExclusiveHold threads(*m_pThreadLock);
+        m_pThreadGuard->store(true);
         if (textOrBinary) SetAllToDefaultValue();
         EndSession();
     }
