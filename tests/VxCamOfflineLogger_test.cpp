@@ -416,9 +416,9 @@ TEST_F(OfflineLoggerTest, BucketMemoryFollowsUse) {
     EXPECT_EQ(files.begin()->second.size(), 5 * line.size());
 }
 
-// Eight threads log while the camera closes and reopens under them and a host thread flushes. Every
-// line whose AddLog did not overlap a close must land, once, in order, in its thread's file; every
-// line that did not land is one the library reported as skipped.
+// Eight threads log while the camera closes and reopens under them, the host flushes everything and
+// a host thread flushes. Every line whose AddLog did not overlap a close must land, once, in order,
+// in its thread's file; every line that did not land is one the library reported as skipped.
 TEST_F(OfflineLoggerTest, CloseWhileThreadsLog) {
     // Small buckets, for many hand-overs; enough of them that no thread runs out while the flush
     // falls behind eight threads that do nothing but log.
@@ -448,8 +448,13 @@ TEST_F(OfflineLoggerTest, CloseWhileThreadsLog) {
     std::thread flusher([&] {
         while (!stop.load()) logger.FlushLogToFile(0, 0);
     });
-    for (int i = 0; i < 4; ++i) {
+    for (int i = 0; i < 6; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        if (i % 2 != 0) {
+            // A host's flush of everything drops nothing: the threads go on in fresh buckets.
+            logger.FlushLogToFile(1, 0);
+            continue;
+        }
         closeEpoch.fetch_add(1);
         logger.NotifyCameraClose();
         closeEpoch.fetch_add(1);
