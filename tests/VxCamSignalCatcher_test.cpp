@@ -70,12 +70,15 @@ extern "C" FILE* fopen(const char* path, const char* mode) {
 }
 
 namespace {
-// Where a child's main thread takes a signal in the capture lock's life: just after it took the
-// writers' mutex for an exclusive hold, or just before it lets go of it.
-enum LockWindow { kNoWindow, kAfterTakingWriters, kBeforeReleasingWriters };
+// Where a child's main thread takes a signal in a camera close: just after it took, or just before
+// it lets go of, the first mutex other than the pool lock that it takes (the logger's flush turn)
+// or the second (the capture lock's writers' mutex, for the exclusive hold).
+enum LockWindow { kNoWindow, kAfterTaking, kBeforeReleasing };
 std::atomic<int> g_lockWindow{kNoWindow};
+std::atomic<int> g_lockOrdinal{0};
+std::atomic<int> g_mutexesTaken{0};
 std::atomic<pid_t> g_lockWindowTid{0};
-std::atomic<pthread_mutex_t*> g_writersMutex{nullptr};
+std::atomic<pthread_mutex_t*> g_windowMutex{nullptr};
 
 pthread_mutex_t* PoolMutex() {
     return VxCamOfflineLogger::m_pOfflineLoggerLock->native_handle();
@@ -100,17 +103,17 @@ Function Next(std::atomic<Function>& cache, const char* name) {
 }
 }  // namespace
 
-// The first mutex other than the pool lock that the watched thread takes is the writers' mutex
-// of the capture lock: nothing else is taken before it in a camera close.
+// A camera close takes its flush turn, then the writers' mutex; no other mutex but the pool lock
+// comes before them.
 extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) {
     static std::atomic<int (*)(pthread_mutex_t*)> real{nullptr};
     const int result = Next(real, "pthread_mutex_lock")(mutex);
-    if (WatchingThisThread(mutex) && g_writersMutex.load() == nullptr) {
-        g_writersMutex = mutex;
-        if (g_lockWindow.exchange(kNoWindow) == kAfterTakingWriters) {
+    if (WatchingThisThread(mutex) && g_windowMutex.load() == nullptr &&
+        ++g_mutexesTaken == g_lockOrdinal.load()) {
+        g_windowMutex = mutex;
+        if (g_lockWindow.load() == kAfterTaking) {
+            g_lockWindow = kNoWindow;
             syscall(SYS_tgkill, getpid(), gettid(), SIGABRT);
-        } else {
-            g_lockWindow = kBeforeReleasingWriters;
         }
     }
     return result;
@@ -118,7 +121,7 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) {
 
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) {
     static std::atomic<int (*)(pthread_mutex_t*)> real{nullptr};
-    if (WatchingThisThread(mutex) && mutex == g_writersMutex.load()) {
+    if (WatchingThisThread(mutex) && mutex == g_windowMutex.load()) {
         g_lockWindow = kNoWindow;
         syscall(SYS_tgkill, getpid(), gettid(), SIGABRT);
     }
@@ -393,9 +396,12 @@ TEST(SignalCatcher, StackUseOnTheAlternateStack) {
 namespace {
 
 enum class Crash {
+    kTakingTurn,          // camera close: its flush turn taken, not yet noted as held
+    kReleasingTurn,       // camera close: the turn being given back, everything written
     kTakingExclusive,     // camera close: the writers' mutex taken, the readers not yet drained
-    kReleasingExclusive,  // camera close: the hold being given back
-    kHoldingExclusive,    // camera close: the hold taken, the pool lock not
+    kReleasingExclusive,  // camera close: the hold being given back, the files not yet written
+    kHoldingTurn,         // camera close: its flush begins, the turn held and nothing else
+    kWritingFiles,        // camera close: opening a log file, the buckets taken
     kInsideALine,         // a line read from a bad pointer, the capture lock held shared
     kInFlushTrigger,      // the host's flush trigger, called with the pool lock held
     kPoolLockElsewhere,   // another thread's flush trigger never returns
@@ -414,9 +420,12 @@ constexpr const char kHeldHere[] =
 constexpr const char kStopped[] = "crash report stopped after 5 s";
 
 const LockCase kLockCases[] = {
+        {Crash::kTakingTurn, "taking the flush turn", false, kHeldHere},
+        {Crash::kReleasingTurn, "releasing the flush turn", true, kHeldHere},
         {Crash::kTakingExclusive, "taking the exclusive hold", false, kHeldHere},
-        {Crash::kReleasingExclusive, "releasing the exclusive hold", true, kHeldHere},
-        {Crash::kHoldingExclusive, "holding the exclusive hold", true, nullptr},
+        {Crash::kReleasingExclusive, "releasing the exclusive hold", false, kHeldHere},
+        {Crash::kHoldingTurn, "holding the flush turn", true, nullptr},
+        {Crash::kWritingFiles, "writing the close's files", true, nullptr},
         {Crash::kInsideALine, "inside a line", true, nullptr},
         {Crash::kInFlushTrigger, "inside the flush trigger", false, kHeldHere},
         {Crash::kPoolLockElsewhere, "pool lock held elsewhere", false, kStopped},
@@ -433,7 +442,7 @@ void Trigger(OfflineLoggerType) {
     while (g_triggerAction == kTriggerNeverReturns) pause();
 }
 
-// A close whose flush faults first thing, with the exclusive hold taken and the pool lock not.
+// A close whose flush faults first thing, with the flush turn held and nothing else.
 class CrashingFlushLogger : public vxcamtest::TestLogger {
   public:
     CrashingFlushLogger() : vxcamtest::TestLogger(OfflineLog, {1, 1, 6, 4096}) {}
@@ -459,18 +468,27 @@ void CrashInChild(const LockCase& c) {
     text->FlushLogToFile(0, 0);  // names the session, so the dump lands beside its files
     const pid_t self = gettid();
     switch (c.crash) {
+        case Crash::kTakingTurn:
+        case Crash::kReleasingTurn:
         case Crash::kTakingExclusive:
         case Crash::kReleasingExclusive:
             g_lockWindowTid = self;
-            g_lockWindow = c.crash == Crash::kTakingExclusive ? kAfterTakingWriters
-                                                              : kBeforeReleasingWriters;
+            g_lockOrdinal =
+                    c.crash == Crash::kTakingTurn || c.crash == Crash::kReleasingTurn ? 1 : 2;
+            g_lockWindow = c.crash == Crash::kTakingTurn || c.crash == Crash::kTakingExclusive
+                                   ? kAfterTaking
+                                   : kBeforeReleasing;
             text->NotifyCameraClose();
             break;
-        case Crash::kHoldingExclusive: {
+        case Crash::kHoldingTurn: {
             static CrashingFlushLogger* logger = new CrashingFlushLogger;
             logger->NotifyCameraClose();
             break;
         }
+        case Crash::kWritingFiles:
+            g_faultOnLogOpen = SIGABRT;
+            text->NotifyCameraClose();
+            break;
         case Crash::kInsideALine: {
             // Binary records are copied as given; this one cannot be read.
             void* unreadable = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

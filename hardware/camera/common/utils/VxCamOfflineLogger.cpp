@@ -510,6 +510,10 @@ thread_local const VxCamOfflineLogger* t_sessionEndingLogger = nullptr;
 // The session that the status report on this thread speaks of, when not the current one.
 thread_local uint32_t t_reportedSession = 0;
 
+// The flush whose files this thread is writing, if any: a crash report on the thread writes what
+// that flush had taken and not yet written, since no registration names those buckets any more.
+thread_local void* t_writingBatch = nullptr;
+
 // The entry table's per-type instance cache, shared with the thread-exit guard.
 std::atomic<VxCamOfflineLogger*> s_entryInstances[4];
 
@@ -1343,6 +1347,7 @@ struct VxCamOfflineLogger::FlushBatch {
         bool swapped;    // held: its thread went on in a fresh bucket while this one is written
         bool keepPages;  // zeroed in place, its pages then passed on
         bool opened = false;
+        bool written = false;  // on disk; the bucket may be zeroed from here on
         int writeError = 0;
         float writeMs = 0.0f;
     };
@@ -1388,7 +1393,16 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
         }
         if (batch.endsSession) EndSession();
         if (!batch.holdThreads) threads.reset();
+        if (batch.threadsHeld && t_writingBatch != nullptr) {
+            // A crash report on a thread that was writing: that flush's text is older than what
+            // the threads hold now. The file being written when the crash came is written whole
+            // again: some of its lines may land twice, none is lost.
+            WriteFlush(*static_cast<FlushBatch*>(t_writingBatch));
+        }
+        void* const outer = t_writingBatch;
+        t_writingBatch = &batch;
         WriteFlush(batch);
+        t_writingBatch = outer;
         if (backup == 1) BackupRecentModifyLog();
         PoolHold lock(*m_pOfflineLoggerLock);
         FinishFlush(batch);
@@ -1508,6 +1522,7 @@ void VxCamOfflineLogger::WriteFlush(FlushBatch& batch) {
     for (int id : batch.emptied) BucketPages::GiveBack(m_memPool[id]);
     const char* mode = m_loggerType == BinaryLog ? "ab+" : "a+";
     for (FlushBatch::Job& job : batch.jobs) {
+        if (job.written) continue;
         FILE* file = fopen(job.info.path.c_str(), mode);
         if (file == nullptr) {
             // Kept with its bucket and request: a later flush of everything finds it.
@@ -1526,6 +1541,7 @@ void VxCamOfflineLogger::WriteFlush(FlushBatch& batch) {
         }
         errno = 0;
         if (fclose(file) != 0 && job.writeError == 0) job.writeError = errno != 0 ? errno : EIO;
+        job.written = true;
         if (job.bucket == nullptr) continue;
         // Zeroed here, out of every lock: in place when its pages go to the next bucket in line,
         // else by giving them back.
