@@ -239,7 +239,7 @@ class VXCAM_API VxCamOfflineLogger {
     VXCAM_OFFLINE_INTERNAL std::string DeviceRoot() const;
     // A flush in three steps: the requests taken under the pool lock, the files written without
     // it, the buckets given back under it again.
-    struct FlushBatch;
+    struct VXCAM_OFFLINE_INTERNAL FlushBatch;
     VXCAM_OFFLINE_INTERNAL int CollectFlush(FlushBatch& batch);
     VXCAM_OFFLINE_INTERNAL void WriteFlush(FlushBatch& batch);
     VXCAM_OFFLINE_INTERNAL void FinishFlush(FlushBatch& batch);

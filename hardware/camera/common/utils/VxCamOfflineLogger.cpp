@@ -1336,7 +1336,7 @@ void VxCamOfflineLogger::KeepThreadBookkeeping(const PerLogThreadInfo& info) {
     }
 }
 
-struct VxCamOfflineLogger::FlushBatch {
+struct __attribute__((visibility("hidden"))) VxCamOfflineLogger::FlushBatch {
     // One bucket of a flush: what the pool lock saw when the flush took it, and how its writing went.
     struct Job {
         int registerId;
