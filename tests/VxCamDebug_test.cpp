@@ -4,11 +4,14 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <gtest/gtest.h>
+
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -155,17 +158,48 @@ TEST_F(DebugFrame, SystemLogSwitchSilencesEverything) {
     EXPECT_TRUE(capture.Lines().empty());
 }
 
-TEST_F(DebugFrame, LongMessagesAreCutAt1023Characters) {
+// What printf makes of a message, cut as the frame cuts it.
+__attribute__((format(printf, 1, 2))) std::string Printed(const char* format, ...) {
+    char text[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof(text), format, arguments);
+    va_end(arguments);
+    return text;
+}
+
+// Messages are cut at 1023 characters, and the frame that the macros put in front of a format
+// prints as printf would print it, near misses of the frame included.
+TEST_F(DebugFrame, MessagesPrintAsPrintfWouldAndAreCutAt1023Characters) {
+    const std::string x(2000, 'x');
+    const char* const null = getenv("VXCAM_NO_SUCH_VARIABLE");  // a null the compiler cannot see
+    const std::string longName(1000, 'f');
+#define VXCAM_PRINTED(...)                                                           \
+    {                                                                                \
+        [&] { VxCam::Log::LogSystem(1, "E", 1, __VA_ARGS__); }, Printed(__VA_ARGS__) \
+    }
+    const std::vector<std::pair<std::function<void()>, std::string>> cases = {
+            VXCAM_PRINTED("%s", x.c_str()),
+            VXCAM_PRINTED("%s", x.substr(0, 1023).c_str()),
+            VXCAM_PRINTED("%s", x.substr(0, 1022).c_str()),
+            VXCAM_PRINTED("[INFO    ]%s %s:812 %s() request %u of %s", "[CORE   ]", "Node.cpp",
+                          "Process", 4711u, "YUV"),
+            VXCAM_PRINTED("[ERROR   ]%s %s:7 %s() %s", "[UTILS  ]", null, null, x.c_str()),
+            VXCAM_PRINTED("[INFO    ]%s %s:812 %s() %d", "[CORE   ]", "Node.cpp", longName.c_str(),
+                          42),
+            VXCAM_PRINTED("[INFO    ]%s %s:%d %s() tail", "[CORE   ]", "Node.cpp", 812, "Process"),
+            VXCAM_PRINTED("[INFO    ]%s %s:812 %s %s", "[CORE   ]", "Node.cpp", "Process", "()"),
+            VXCAM_PRINTED("[%s]", "not a frame"),
+            VXCAM_PRINTED("["),
+    };
+#undef VXCAM_PRINTED
     LogCapture capture;
-    const std::string text(2000, 'x');
-    VxCam::Log::LogSystem(1, "E", 1, "%s", text.c_str());
-    VxCam::Log::LogSystem(1, "E", 1, "%s", text.substr(0, 1023).c_str());
-    VxCam::Log::LogSystem(1, "E", 1, "%s", text.substr(0, 1022).c_str());
+    for (const auto& c : cases) c.first();
     const std::vector<std::string> messages = capture.Messages();
-    ASSERT_EQ(messages.size(), 3u);
-    EXPECT_EQ(messages[0], text.substr(0, 1023));
-    EXPECT_EQ(messages[1], text.substr(0, 1023));
-    EXPECT_EQ(messages[2], text.substr(0, 1022));
+    ASSERT_EQ(messages.size(), cases.size());
+    for (size_t i = 0; i < cases.size(); ++i)
+        EXPECT_EQ(messages[i], cases[i].second) << "case " << i;
+    EXPECT_EQ(messages[0], x.substr(0, 1023));
 }
 
 TEST_F(DebugFrame, FirstMessageLoadsTheMasksWhenNotYetLoaded) {
