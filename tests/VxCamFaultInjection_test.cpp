@@ -374,6 +374,28 @@ TEST_F(FaultInjection, ThreadEndsAfterAFlushOfEverything) {
     for (int t = 1; t <= 2; ++t) {
         EXPECT_EQ(Seqs(ThreadText(Folder(), tids[t - 1]), t), Range(0, 20)) << "thread " << t;
     }
+
+    // A core-dump thread that ends before its next line gives its registration back, though the
+    // flush left it a fresh bucket in place of the one the thread held, and a camera close since
+    // has started the flushes' count over.
+    TestLogger coredump(CoredumpTxt, {0, 2, 1, kBucket});
+    const std::string corePath = m_root / "core";
+    coredump.SetCoredumpPath(corePath.c_str());
+    std::promise<void> coreLogged, coreFlushed;
+    std::thread core([&] {
+        LogNumbered(coredump, 3, 0, 3);
+        coreLogged.set_value();
+        coreFlushed.get_future().wait();
+    });
+    coreLogged.get_future().wait();
+    EXPECT_EQ(coredump.FlushLogToFile(1, 0), 0);
+    coredump.NotifyCameraOpen();
+    coredump.NotifyCameraClose();
+    coreFlushed.set_value();
+    core.join();
+    EXPECT_EQ(coredump.m_freeRegisterIds.size(), coredump.m_perLogInfoPool.size());
+    EXPECT_EQ(coredump.m_freeBucketIds.size(), coredump.m_memPool.size());
+    EXPECT_EQ(Seqs(vxcamtest::ReadFile(corePath), 3), Range(0, 3));
 }
 
 // Eight slots of short-lived threads, each ending with a part-filled bucket, while the host

@@ -1036,8 +1036,8 @@ void VxCamOfflineLogger::ReleaseRegistration(int registerId) {
 // Registrations can go behind their threads' backs: a camera close of the text and binary logs,
 // and a pool clean-up, drop them all; a flush of everything releases those of ended sessions. The
 // id a thread holds may then be another thread's. So a thread owns the registration its id names
-// only while, under the pool lock, the registration names this thread, the session and the bucket
-// that the thread holds, and is neither queued nor released.
+// only while, under the pool lock, the registration names this thread and the session, and is
+// neither queued nor released: a thread has one such registration of a type at most.
 //
 // No flush trigger is called. Only the core-dump types, whose registrations outlive a camera
 // close, have anything to hand over here (a close of the text and binary logs has dropped their
@@ -1045,18 +1045,19 @@ void VxCamOfflineLogger::ReleaseRegistration(int registerId) {
 // for no flush: the host writes the text when it next flushes the type, a normal flush counting
 // it towards its batch.
 void VxCamOfflineLogger::HandOverRegistration(unsigned int type) {
-    unsigned char* const bucket = t_logBuffer[type];
+    const bool holds = t_logBuffer[type] != nullptr;
     const int32_t registerId = t_queuePoolId[type];
     t_logBuffer[type] = nullptr;
     t_queuePoolId[type] = -1;
-    if (bucket == nullptr || registerId < 0) return;
+    if (!holds || registerId < 0) return;
     const uint32_t threadId = static_cast<uint32_t>(gettid());
     PoolHold lock(*m_pOfflineLoggerLock);
     if (static_cast<size_t>(registerId) >= m_perLogInfoPool.size()) return;
     PerLogThreadInfo& info = m_perLogInfoPool[registerId];
+    // Not the bucket: a flush of everything that this thread has not noticed yet may have given
+    // the registration a fresh one in place of the one the thread holds.
     if (info.flushRequested != 0 || info.threadId != threadId ||
-        info.sessionCnt != t_sessionCnt[type] || info.bucketId >= m_memPool.size() ||
-        m_memPool[info.bucketId] != bucket) {
+        info.sessionCnt != t_sessionCnt[type] || info.bucketId >= m_memPool.size()) {
         return;
     }
     try {
@@ -1066,7 +1067,8 @@ void VxCamOfflineLogger::HandOverRegistration(unsigned int type) {
             ++m_flushRequestCount;
         } else {
             ReleaseRegistration(registerId);
-            BucketPages::GiveBack(bucket);  // free buckets keep no pages of their own
+            // Free buckets keep no pages of their own.
+            BucketPages::GiveBack(m_memPool[info.bucketId]);
         }
     } catch (const std::bad_alloc&) {
         OFFLINE_LOGE("VxCamOfflineLogger allocate memory failed");
