@@ -245,6 +245,7 @@ class VXCAM_API VxCamOfflineLogger {
     VXCAM_OFFLINE_INTERNAL void FinishFlush(FlushBatch& batch);
     VXCAM_OFFLINE_INTERNAL void ResetForNextSession(FlushBatch* batch);
     VXCAM_OFFLINE_INTERNAL void EndSession();
+    VXCAM_OFFLINE_INTERNAL void DropSession();
     VXCAM_OFFLINE_INTERNAL void TakeBackBucket(unsigned int type);
 #undef VXCAM_OFFLINE_INTERNAL
     VxCamOfflineLogger(const VxCamOfflineLogger&) = delete;

@@ -873,18 +873,23 @@ int VxCamOfflineLogger::GetSettingLink() {
 
 void VxCamOfflineLogger::SetAllToDefaultValue() {
     PoolHold lock(*m_pOfflineLoggerLock);
-    m_prefixReady = 0;
-    m_sessionPrefix.clear();
     m_freeBucketIds.clear();
     for (size_t i = 0; i < m_memPool.size(); ++i) m_freeBucketIds.push_back(static_cast<int>(i));
     // Every bucket is free again: none keeps pages until a thread writes into it.
     for (unsigned char* bucket : m_memPool) BucketPages::GiveBack(bucket);
+    m_flushedThreadList.clear();
+    DropSession();
+}
+
+// With the pool lock held: the session's naming, registrations and requests go.
+void VxCamOfflineLogger::DropSession() {
+    m_prefixReady = 0;
+    m_sessionPrefix.clear();
     m_freeRegisterIds.clear();
     m_flushRequestIds.clear();
     m_fileNameList.clear();
     m_fileNameSet.clear();
     m_fwriteTimeHistory.clear();
-    m_flushedThreadList.clear();
     m_perLogInfoPool.clear();  // keeps its reservation: registrations never move
     m_registrationCount.store(0, std::memory_order_relaxed);
 }
@@ -1657,16 +1662,9 @@ void VxCamOfflineLogger::ResetForNextSession(FlushBatch* batch) {
             free.push_back(static_cast<int>(i));
         }
     }
-    m_prefixReady = 0;
-    m_sessionPrefix.clear();
     m_freeBucketIds.swap(free);
-    m_freeRegisterIds.clear();
-    m_flushRequestIds.clear();
-    m_fileNameList.clear();
-    m_fileNameSet.clear();
-    m_fwriteTimeHistory.clear();
-    m_perLogInfoPool.clear();  // keeps its reservation: registrations never move
-    m_registrationCount.store(0, std::memory_order_relaxed);
+    // The written segments' records stay: the flush hands them on once it has written its own.
+    DropSession();
 }
 
 // With the capture lock held exclusively: the camera close's last steps, which let the threads in
