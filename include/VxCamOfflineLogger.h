@@ -209,7 +209,9 @@ class VXCAM_API VxCamOfflineLogger {
   public:
     static std::atomic<uint32_t> s_isInitValid;  // 1 once any instance was asked for
     // Process-wide, taken in this order: the thread lock (shared by capture, exclusive for camera
-    // close and pool clean-up), then the pool lock.
+    // close, a flush of everything and pool clean-up, each only while it takes or drops buckets),
+    // then the pool lock (not held while files are written). A logger's flushes, camera closes,
+    // disable, clean-up and retention take one turn of the library's own before both.
     static std::mutex* m_pOfflineLoggerLock;
     static OfflineLoggerThreadLock* m_pThreadLock;
     static std::atomic<bool>* m_pThreadGuard;  // raised while a camera closes

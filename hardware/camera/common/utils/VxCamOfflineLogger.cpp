@@ -136,7 +136,7 @@ void WaitUntilZero(const std::atomic<uint32_t>& word, uint32_t own) {
         if (round < 64) {
             sched_yield();
         } else {
-            // A reader may wait for the pool lock behind a flush that writes files.
+            // A reader may be waiting for the pool lock, or preempted inside a line.
             const timespec pause = {0, 100000};
             nanosleep(&pause, nullptr);
         }
