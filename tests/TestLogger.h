@@ -41,6 +41,7 @@ class TestLogger : private ConfigHolder, public VxCam::VxCamOfflineLogger {
     using VxCam::VxCamOfflineLogger::m_freeBucketIds;
     using VxCam::VxCamOfflineLogger::m_freeRegisterIds;
     using VxCam::VxCamOfflineLogger::m_fwriteTimeAvgMs;
+    using VxCam::VxCamOfflineLogger::m_fwriteTimeHistory;
     using VxCam::VxCamOfflineLogger::m_memPool;
     using VxCam::VxCamOfflineLogger::m_multiPathCoredumpPath;
     using VxCam::VxCamOfflineLogger::m_perLogInfoPool;

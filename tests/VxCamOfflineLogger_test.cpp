@@ -754,8 +754,10 @@ TEST_F(OfflineLoggerTest, StatusReportFollowsItsSwitch) {
     logger.NotifyCameraOpen();
     vxcamtest::LiveThread thread;
     thread.Run([&] { logger.AddLog("a line\n", 7); });
-    // The close's flush of everything: the thread's bucket comes back with the others.
+    // The close's flush of everything: the thread's bucket comes back with the others, and the
+    // reset after it leaves no write times.
     logger.NotifyCameraClose();
+    EXPECT_TRUE(logger.m_fwriteTimeHistory.empty());
     const std::string written = vxcamtest::ReadFile(dumpPath);
     const char* const kTrueLines[] = {
             "+--------------------Offlinelogger Status-----------------------+\n",

@@ -1613,6 +1613,8 @@ void VxCamOfflineLogger::FinishFlush(FlushBatch& batch) {
     }
 
     for (int id : batch.emptied) m_freeBucketIds.push_back(id);
+    // A camera close's reset, which comes after its writes, leaves no write times behind.
+    if (batch.endsSession) m_fwriteTimeHistory.clear();
     m_cleanupTriggerCount = 0;
     if (batch.flushAll == 0 && m_totalFlushSizeMB > static_cast<float>(m_maxFlushLogSizeThreshold) &&
         m_loggerType == OfflineLog && m_cleanupTriggerLink != nullptr) {
