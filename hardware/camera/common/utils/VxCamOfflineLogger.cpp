@@ -1363,6 +1363,7 @@ struct __attribute__((visibility("hidden"))) VxCamOfflineLogger::FlushBatch {
     bool threadsHeld;          // the caller holds the capture lock exclusively (a crash report)
     bool holdThreads = false;  // threads stay held off while the files are written
     uint32_t session = 0;      // the session whose text this is
+    uint32_t requests = 0;     // bucket requests counted when a flush of everything took its own
     std::vector<Job> jobs;
     std::vector<int> emptied;  // a camera close's free buckets that give their pages back
     std::chrono::steady_clock::time_point start;
@@ -1459,6 +1460,7 @@ int VxCamOfflineLogger::CollectFlush(FlushBatch& batch) {
     m_triggerOperation = static_cast<uint32_t>(m_flushRequestIds.size());
     const uint32_t session = m_sessionCount.load();
     batch.session = session;
+    batch.requests = m_requestMemoryCount;
     // Buckets that threads go on filling are swapped for fresh ones, so that the threads need not
     // wait for the write; a crash report holds them off anyway.
     const bool swap = flushAll == 1 && !batch.threadsHeld && !batch.endsSession;
@@ -1631,6 +1633,9 @@ void VxCamOfflineLogger::FinishFlush(FlushBatch& batch) {
     }
     // The last flush's duration, not a sum: the report shows what one flush costs.
     m_totalFlushTimeMs = MillisecondsSince(batch.start);
+    // Threads request buckets while a flush of everything writes; those requests count after it.
+    const uint32_t requestsSince = batch.flushAll == 1 ? m_requestMemoryCount - batch.requests : 0;
+    if (batch.flushAll == 1) m_requestMemoryCount = batch.requests;
     if (m_statusDumpEnabled == 1) {
         // A camera close reports the session it ended, which its threads have left by now.
         t_reportedSession = batch.session;
@@ -1642,7 +1647,7 @@ void VxCamOfflineLogger::FinishFlush(FlushBatch& batch) {
         m_totalFlushCount = 0;
         m_removeSuccessCount = 0;
         m_removeFailCount = 0;
-        m_requestMemoryCount = 0;
+        m_requestMemoryCount = requestsSince;
     }
 }
 
