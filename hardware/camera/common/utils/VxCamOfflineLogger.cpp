@@ -447,21 +447,20 @@ pthread_mutex_t s_flushTurns[4] = {PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INIT
 // thread that was flushing, a camera close that flushes) goes on under the hold it has.
 class TurnHold {
   public:
-    explicit TurnHold(uint32_t type) : m_type(static_cast<uint8_t>(type & 3)) {
-        CaptureThread& self = t_capture;
-        if (self.turnPhase == kExclusiveHeld && self.turnType == m_type) return;
-        Enter(self, kExclusiveAcquiring);
-        pthread_mutex_lock(&s_flushTurns[m_type]);
-        Enter(self, kExclusiveHeld);
-        m_owner = true;
-    }
-    // The crash report's way in: gives up after `patience` rather than wait for a holder that
-    // may be waiting for this very thread.
-    TurnHold(uint32_t type, std::chrono::milliseconds patience)
+    // With a `patience` (the crash report's way in), gives up after it rather than wait for a
+    // holder that may be waiting for this very thread.
+    explicit TurnHold(uint32_t type,
+                      std::chrono::milliseconds patience = std::chrono::milliseconds::max())
         : m_type(static_cast<uint8_t>(type & 3)) {
         CaptureThread& self = t_capture;
         if (self.turnPhase == kExclusiveHeld && self.turnType == m_type) return;
         Enter(self, kExclusiveAcquiring);
+        if (patience == std::chrono::milliseconds::max()) {
+            pthread_mutex_lock(&s_flushTurns[m_type]);
+            Enter(self, kExclusiveHeld);
+            m_owner = true;
+            return;
+        }
         const auto until = std::chrono::steady_clock::now() + patience;
         while (pthread_mutex_trylock(&s_flushTurns[m_type]) != 0) {
             if (std::chrono::steady_clock::now() >= until) {
@@ -1465,7 +1464,9 @@ int VxCamOfflineLogger::CollectFlush(FlushBatch& batch) {
     // wait for the write; a crash report holds them off anyway.
     const bool swap = flushAll == 1 && !batch.threadsHeld && !batch.endsSession;
     const size_t warmLimit = 2 * size_t{m_pConfigInfo->flushBatchSize};
-    size_t keepBudget = BucketPages::KeepBudget(m_memPool, m_freeBucketIds, warmLimit);
+    // A camera close gives every page back.
+    size_t keepBudget =
+            batch.endsSession ? 0 : BucketPages::KeepBudget(m_memPool, m_freeBucketIds, warmLimit);
     for (; !m_flushRequestIds.empty(); m_flushRequestIds.pop_front()) {
         const int registerId = m_flushRequestIds.front();
         if (registerId < 0 || static_cast<size_t>(registerId) >= m_perLogInfoPool.size()) continue;
@@ -1496,7 +1497,7 @@ int VxCamOfflineLogger::CollectFlush(FlushBatch& batch) {
         FlushBatch::Job job{registerId, info, nullptr, held, ended, false, false};
         if (info.bucketId < m_memPool.size()) {
             job.bucket = m_memPool[info.bucketId];
-            if (keepBudget != 0 && !batch.endsSession) {
+            if (keepBudget != 0) {
                 job.keepPages = true;
                 --keepBudget;
             }
@@ -1565,20 +1566,11 @@ void VxCamOfflineLogger::FinishFlush(FlushBatch& batch) {
         const int registerId = job.registerId;
         const bool closed = batch.endsSession;  // the registration is gone with the session
         if (!job.opened) {
-            if (closed) {
-                // The session's text that could not be written is lost with it, as the reset
-                // drops every registration; the bucket is free again.
-                if (job.bucket != nullptr && !BucketPages::GiveBack(job.bucket)) {
-                    memset(job.bucket, 0, job.info.logSize);
-                }
-                m_freeBucketIds.push_back(static_cast<int>(job.info.bucketId));
-            } else if (!job.held) {
-                m_perLogInfoPool[registerId].flushRequested = 1;
-            } else if (job.swapped) {
-                // The thread went on in the fresh bucket; the text it had is lost.
-                if (job.bucket != nullptr && !BucketPages::GiveBack(job.bucket)) {
-                    memset(job.bucket, 0, job.info.logSize);
-                }
+            // Kept with its registration and request, or, when its session has ended or its
+            // thread went on in a fresh bucket, lost: the bucket is free again.
+            if (!closed && !job.held) m_perLogInfoPool[registerId].flushRequested = 1;
+            if ((closed || job.swapped) && job.bucket != nullptr) {
+                if (!BucketPages::GiveBack(job.bucket)) memset(job.bucket, 0, job.info.logSize);
                 m_freeBucketIds.push_back(static_cast<int>(job.info.bucketId));
             }
             continue;
