@@ -8,6 +8,7 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -49,6 +50,25 @@ extern "C" FILE* fopen(const char* path, const char* mode) {
         g_openModes[path] = mode;
     }
     return real(path, mode);
+}
+
+// A thread that arms the gate stops at its next gettid() until the gate opens: in a first line,
+// that is after it has let itself in and before it asks the pool for a bucket.
+namespace {
+struct Gate {
+    std::atomic<bool> reached{false};
+    std::atomic<bool> open{false};
+};
+thread_local Gate* t_gettidGate = nullptr;
+}  // namespace
+
+extern "C" pid_t gettid() noexcept {
+    if (Gate* gate = t_gettidGate) {
+        t_gettidGate = nullptr;
+        gate->reached = true;
+        while (!gate->open.load()) std::this_thread::yield();
+    }
+    return static_cast<pid_t>(syscall(SYS_gettid));
 }
 
 namespace {
@@ -505,6 +525,31 @@ TEST_F(OfflineLoggerTest, CloseWhileThreadsLog) {
                       [&](const std::string& m) { return std::regex_match(m, skipped); })),
               missing)
             << "every line that did not land was reported as skipped";
+}
+
+TEST_F(OfflineLoggerTest, CloseWritesAFirstLineThatMakesThePool) {
+    // The close finds no pool yet, while a thread that is inside its first line is about to make
+    // it: the close must wait for the line and write it, not reset the pool under it.
+    TestLogger logger(OfflineLog, kSmall);
+    vxcamtest::LogCapture log;
+    logger.NotifyCameraOpen();
+    Gate gate;
+    std::thread first([&] {
+        t_gettidGate = &gate;
+        logger.AddLog("first\n", 6);
+    });
+    while (!gate.reached.load()) std::this_thread::yield();
+    std::thread close([&] { logger.NotifyCameraClose(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the close waits for the line
+    gate.open = true;
+    first.join();
+    close.join();
+    const auto files = Files();
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_NE(files.begin()->first.find("_Session1_Segment1.txt"), std::string::npos);
+    EXPECT_EQ(files.begin()->second, "first\n");
+    EXPECT_EQ(logger.Session(), 2u);
+    EXPECT_FALSE(log.Has("skipped"));
 }
 
 TEST_F(OfflineLoggerTest, PoolGrowsByStepAndReusesIdsInOrder) {

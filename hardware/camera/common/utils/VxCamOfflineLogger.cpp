@@ -1379,8 +1379,10 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
     // while the old ones are written.
     std::optional<ExclusiveHold> threads;
     if (flushAll == 1 && !batch.threadsHeld) {
-        {
+        if (!batch.endsSession) {
             // Nothing to write: said at once, not after holding off every thread inside a line.
+            // Not so for a camera close, which holds them off in any case: a thread inside its
+            // first line may be about to make the pool, and its line is written, not reset away.
             PoolHold lock(*m_pOfflineLoggerLock);
             if (m_memPool.empty()) return 2;
         }
@@ -1392,11 +1394,21 @@ int VxCamOfflineLogger::FlushLogToFile(int flushAll, int backup) {
     }
     try {
         batch.jobs.reserve(64);
+        int result;
         {
             PoolHold lock(*m_pOfflineLoggerLock);
-            const int result = CollectFlush(batch);
-            if (result != 0) return result;
-            if (batch.endsSession) ResetForNextSession(&batch);
+            result = CollectFlush(batch);
+            if (result == 0 && batch.endsSession) ResetForNextSession(&batch);
+        }
+        if (result != 0) {
+            if (batch.endsSession && threads) {
+                // Nothing to write, and the session ends all the same before the threads are let
+                // in: one that waited meanwhile must begin the next session, not leave a line in
+                // this one for a later reset to drop unseen.
+                SetAllToDefaultValue();
+                EndSession();
+            }
+            return result;
         }
         if (batch.endsSession) EndSession();
         if (!batch.holdThreads) threads.reset();
@@ -1676,7 +1688,9 @@ void VxCamOfflineLogger::EndSession() {
         }
     }
     m_sessionFlushState.store(0);
-    m_state.store(kStateActive);
+    // Not over a disable that came meanwhile: it waits for the close's turn, and stays.
+    uint32_t closing = kStateClosing;
+    m_state.compare_exchange_strong(closing, kStateActive);
     m_sessionCount.fetch_add(1);
     m_pThreadGuard->store(false);
     t_sessionEndingLogger = nullptr;  // the session has ended
@@ -1720,24 +1734,26 @@ void VxCamOfflineLogger::NotifyCameraOpen() {
 }
 
 void VxCamOfflineLogger::NotifyCameraClose() {
+    // The session's files are written before any flush of the next session's. The state is read
+    // in the turn, so that a close that comes while another ends the session ends the next one
+    // itself, with its flush, rather than reset it unwritten.
+    TurnHold turn(m_loggerType);
     uint32_t state = m_state.load();
     if (state == kStateDisabled) return;
     const bool textOrBinary = m_loggerType == OfflineLog || m_loggerType == BinaryLog;
     bool flush = false;
-    if (state == kStateActive) {
-        m_state.store(kStateClosing);
+    // Not over a disable that came meanwhile, which waits for this turn.
+    if (state == kStateActive && m_state.compare_exchange_strong(state, kStateClosing)) {
         flush = textOrBinary;
     }
-    // The session's files are written before any flush of the next session's. The flush takes
-    // the threads' buckets with the capture shut out, starts the next session and lets the
-    // threads in again before it writes; lines that arrive while it holds them off are dropped
-    // with a message, so that a close drops only what comes in those microseconds.
-    TurnHold turn(m_loggerType);
+    // The flush takes the threads' buckets with the capture shut out, starts the next session and
+    // lets the threads in again before it writes; lines that arrive while it holds them off are
+    // dropped with a message, so that a close drops only what comes in those microseconds.
     t_sessionEndingLogger = this;
     if (flush) FlushLogToFile(1, 0);
     if (t_sessionEndingLogger == this) {
         // No flush ended the session (the core-dump types, whose buckets outlive a close, or a
-        // pool with nothing to write): it ends here.
+        // flush that could not start): it ends here.
         ExclusiveHold threads(*m_pThreadLock);
         m_pThreadGuard->store(true);
         if (textOrBinary) SetAllToDefaultValue();
