@@ -98,6 +98,8 @@ TEST(VxcamctlUsage, HelpAndErrors) {
             {{"settings", "--sysroot", "/no/such/sysroot"}, "is not a directory"},
             {{"session", "--threads", "0"}, "--threads needs a number from 1 to 1024"},
             {{"session", "--library", "/no/such.so"}, "cannot load /no/such.so"},
+            {{"sysroot", "init"}, "DIR is needed"},
+            {{"sysroot", "init", "--force", "dir"}, "unexpected argument '--force'"},
     };
     for (const Case& c : cases) {
         const ProcessResult result = RunVxcamctl(c.arguments);

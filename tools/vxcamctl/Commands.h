@@ -31,6 +31,7 @@ int RunZlib(int argc, char** argv);
 int RunFormat(int argc, char** argv);
 int RunJpeg(int argc, char** argv);
 int RunLogcat(int argc, char** argv);
+int RunSysroot(int argc, char** argv);
 
 }  // namespace vxcamctl
 

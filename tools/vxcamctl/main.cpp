@@ -31,6 +31,7 @@ const Command kCommands[] = {
          vxcamctl::RunCrash},
         {"logcat", "merge a session folder's per-thread log files into one stream by time stamp",
          vxcamctl::RunLogcat},
+        {"sysroot", "make a camera sysroot (init DIR) for --sysroot", vxcamctl::RunSysroot},
 };
 
 void PrintUsage(FILE* out) {
