@@ -71,7 +71,7 @@ TEST(VxcamctlFormat, RejectsUnknownNamesAndSizes) {
 
 TEST(VxcamctlJpeg, ReadsTheBlobTrailer) {
     TempDir folder;
-    const std::string body(4088, '\xAB');
+    const std::string body = "\xFF\xD8" + std::string(4084, '\xAB') + "\xFF\xD9";  // SOI ... EOI
     const struct {
         std::string content;
         int exitCode;
@@ -85,6 +85,10 @@ TEST(VxcamctlJpeg, ReadsTheBlobTrailer) {
             {body + std::string("\xFF\0\0\0\xF9\x0F\0\0", 8), 1,
              "the trailer (blob id 255) claims 4089 JPEG bytes, but the buffer holds only 4088 "
              "before it; the library returns 4089 unchecked"},
+            {"\xFF\xE0" + body.substr(2) + std::string("\x0F\0\0\0\xF8\x0F\0\0", 8), 1,
+             "the JPEG does not start with SOI (FF D8) but with FF E0"},
+            {body + std::string("\x0F\0\0\0\xF7\x0F\0\0", 8), 1,
+             "the JPEG's 4087 bytes do not end with EOI (FF D9) but with AB FF"},
     };
     for (const auto& c : cases) {
         const std::string path = folder.Write("capture.blob", c.content);

@@ -66,22 +66,26 @@ TEST(VxcamctlCheck, ReportsWhatTheLoaderWouldSkipOrMisread) {
     EXPECT_NE(result.out.find(file + ": 14 problems found"), std::string::npos) << result.out;
 }
 
-TEST(VxcamctlCheck, CleanFilePassesAndMissingFileIsAnError) {
+TEST(VxcamctlCheck, CleanFilePassesAndUnreadablePathsAreErrors) {
     TempDir folder;
     const std::string file = folder.Write(
             "ok.txt", "LogInfoMask=0x3f\n;LogEnable=0\nTeleZoomStart=2.5\nCameraPosition=0,1\n");
-    const ProcessResult clean = RunVxcamctl({"settings", "--check", file});
+    const ProcessResult clean = RunVxcamctl({"settings", "--check=" + file});
     EXPECT_EQ(clean.exitCode, 0) << clean.out;
     EXPECT_NE(clean.out.find("no problems found"), std::string::npos);
 
-    const ProcessResult missing = RunVxcamctl({"settings", "--check", folder / "absent.txt"});
-    EXPECT_EQ(missing.exitCode, 2);
-    EXPECT_NE(missing.err.find("cannot open"), std::string::npos) << missing.err;
+    for (const std::string& path : {folder / "absent.txt", folder.Path()}) {
+        const ProcessResult result = RunVxcamctl({"settings", "--check", path});
+        EXPECT_EQ(result.exitCode, 2) << path;
+        EXPECT_NE(result.err.find("cannot read '" + path + "': "), std::string::npos) << result.err;
+        EXPECT_EQ(result.out, "");
+    }
 }
 
 TEST(VxcamctlUsage, HelpAndErrors) {
-    for (const std::vector<std::string>& arguments :
-         {std::vector<std::string>{"--help"}, {"settings", "--help"}}) {
+    for (const std::vector<std::string>& arguments : {std::vector<std::string>{"--help"},
+                                                      {"settings", "--help"},
+                                                      {"--sysroot=/", "-v", "jpeg", "-h"}}) {
         const ProcessResult result = RunVxcamctl(arguments);
         EXPECT_EQ(result.exitCode, 0);
         EXPECT_NE(result.out.find("usage: vxcamctl"), std::string::npos) << result.out;
@@ -93,9 +97,16 @@ TEST(VxcamctlUsage, HelpAndErrors) {
     const Case cases[] = {
             {{}, "usage: vxcamctl"},
             {{"frobnicate"}, "unknown command 'frobnicate'"},
-            {{"settings", "--bogus"}, "unexpected argument '--bogus'"},
+            {{"--frob", "settings"}, "vxcamctl: unknown option '--frob'"},
+            {{"--sysroot"}, "vxcamctl: --sysroot needs a value"},
+            {{"settings", "--bogus"}, "vxcamctl settings: unknown option '--bogus'"},
             {{"settings", "--check"}, "--check needs a value"},
-            {{"settings", "--sysroot", "/no/such/sysroot"}, "is not a directory"},
+            {{"settings", "--help=yes"}, "--help takes no value"},
+            {{"settings", "--sysroot", "/no/such/sysroot"},
+             "cannot use sysroot '/no/such/sysroot': No such file or directory"},
+            {{"jpeg", "/"}, "vxcamctl jpeg: cannot read '/': Is a directory"},
+            {{"jpeg", "a", "b"}, "unexpected argument 'b': jpeg takes one FILE"},
+            {{"zlib", "crc32", "/", "-o"}, "vxcamctl zlib: -o needs a value"},
             {{"session", "--threads", "0"}, "--threads needs a number from 1 to 1024"},
             {{"session", "--library", "/no/such.so"}, "cannot load /no/such.so"},
             {{"sysroot", "init"}, "DIR is needed"},
@@ -106,18 +117,64 @@ TEST(VxcamctlUsage, HelpAndErrors) {
         EXPECT_EQ(result.exitCode, 2) << c.message;
         EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
     }
+
+    // What the library logs while it loads: by default only what is wrong, and not the missing
+    // override file that is the rule on a host; all of it with -v or a filter of the user's.
+    TempDir sysroot;
+    sysroot.Write("vendor/etc/camera/vxcamoverridesettings.txt", "CameraPosition=1,x\n");
+    const std::string unset = "\x01";
+    const struct {
+        std::vector<std::string> arguments;
+        std::string logTags;
+        const char* shown;
+        const char* hidden;
+    } logs[] = {
+            {{"--help"}, unset, nullptr, " VxCam "},
+            {{"--sysroot", sysroot.Path(), "--help"},
+             unset,
+             "CameraPosition value \"x\" is not a number",
+             "[Global Settings]"},
+            {{"-v", "--help"}, unset, "No override settings text file", nullptr},
+            {{"--help"}, "*:i", "No override settings text file", nullptr},
+    };
+    for (const auto& c : logs) {
+        std::vector<std::string> argv = {vxcamtest::Vxcamctl()};
+        argv.insert(argv.end(), c.arguments.begin(), c.arguments.end());
+        const ProcessResult result = vxcamtest::RunProcess(
+                argv, {{"ANDROID_LOG_TAGS", c.logTags}, {"VXCAMCTL_QUIET", unset}});
+        EXPECT_EQ(result.exitCode, 0) << c.arguments[0];
+        if (c.shown != nullptr) {
+            EXPECT_NE(result.err.find(c.shown), std::string::npos) << result.err;
+        }
+        if (c.hidden != nullptr) {
+            EXPECT_EQ(result.err.find(c.hidden), std::string::npos) << result.err;
+        }
+    }
 }
 
-TEST(VxcamctlSettings, ShowsTheDefaultBesideAnOverriddenValue) {
+TEST(VxcamctlSettings, ShowsWhereEachValueCameFrom) {
     TempDir sysroot;
-    sysroot.Write("vendor/build.prop", "vendor.camera.vcf.LogInfoMask=0x3f\n");
-    const ProcessResult result = RunVxcamctl({"settings", "--sysroot=" + sysroot.Path()});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
+    sysroot.Write("vendor/build.prop",
+                  "vendor.camera.vcf.LogInfoMask=0x3f\n"
+                  "vendor.camera.vcf.LogInfoMsk=0x3f\n"
+                  "vendor.vxf.feature.86=1\n");  // the tele zoom feature
+    sysroot.Write("vendor/etc/camera/vxcamoverridesettings.txt", "; threads\nNumberOfThread=4\n");
+    const ProcessResult result = RunVxcamctl({"--sysroot", sysroot.Path(), "settings"});
+    EXPECT_EQ(result.exitCode, 1) << result.err;  // for the misspelt property
     EXPECT_NE(result.out.find("(sysroot: " + sysroot.Path() + ")"), std::string::npos);
-    EXPECT_NE(result.out.find("LogInfoMask                    Integer    0x3f  (default 0x23)\n"),
+    for (const char* line : {
+                 "\nLogEnable                      Integer    default       1\n",
+                 "\nLogInfoMask                    Integer    property      0x3f  (default 0x23)\n",
+                 "\nNumberOfThread                 Integer    override:2    4  (default 6)\n",
+                 "\nTeleZoomStart                  Float      feature       3.000000  (default "
+                 "2.000000)\n",
+         }) {
+        EXPECT_NE(result.out.find(line), std::string::npos) << line << result.out;
+    }
+    EXPECT_NE(result.err.find("property 'vendor.camera.vcf.LogInfoMsk' names no setting (nearest "
+                              "setting: 'LogInfoMask')"),
               std::string::npos)
-            << result.out;
-    EXPECT_NE(result.out.find("LogEnable                      Integer    1\n"), std::string::npos);
+            << result.err;
 }
 
 // A camera host's run through the entry table, with closes under way while threads log and a
