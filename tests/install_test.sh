@@ -30,7 +30,7 @@ if [ "$has_vxcamctl" = 1 ]; then
     # Each command, then a key line of what it printed.
     vxcamctl() { ANDROID_LOG_TAGS='*:s' "$prefix/$bindir/vxcamctl" "$@" >"$work/tool-out"; }
     vxcamctl --help
-    grep -q '^usage: vxcamctl COMMAND' "$work/tool-out"
+    grep -q '^usage: vxcamctl .*COMMAND' "$work/tool-out"
     vxcamctl format NV12 64x64
     grep -q '^buffer size    6144 ' "$work/tool-out"
     vxcamctl sysroot init "$work/root"

@@ -214,7 +214,7 @@ TEST(VxcamctlLogcat, ReadsWhatTheLibraryWrote) {
     sysroot.MakeCameraRoot(true);
     const ProcessResult session =
             RunVxcamctl({"session", "--sysroot", sysroot.Path(), "--threads", "3", "--lines",
-                         "3000", "--sessions", "2", "--logsystem-every", "3"});
+                         "3000", "--sessions", "2", "--logsystem-every", "3", "--keep"});
     ASSERT_EQ(session.exitCode, 0) << session.out << session.err;
 
     std::vector<std::string> arguments = {"logcat"};

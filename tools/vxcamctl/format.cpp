@@ -572,7 +572,7 @@ int RunFormat(int argc, char** argv) {
             {nullptr, 0, nullptr, 0},
     };
     Options options;
-    optind = 1;
+    optind = 0;  // glibc starts afresh: main() ran getopt over other arguments first
     opterr = 0;
     int option;
     while ((option = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1) {

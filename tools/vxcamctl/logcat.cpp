@@ -616,7 +616,7 @@ int ParseArguments(int argc, char** argv, Filters* filters, std::vector<const ch
             {"help", no_argument, nullptr, 'h'},
             {nullptr, 0, nullptr, 0},
     };
-    optind = 1;
+    optind = 0;  // glibc starts afresh: main() ran getopt over other arguments first
     opterr = 0;
     int option;
     while ((option = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1) {

@@ -104,7 +104,7 @@ int RunSysroot(int argc, char** argv) {
             {nullptr, 0, nullptr, 0},
     };
     opterr = 0;  // the messages below name the command
-    optind = 1;
+    optind = 0;  // glibc starts afresh: main() ran getopt over other arguments first
     int option;
     while ((option = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1) {
         switch (option) {
