@@ -175,7 +175,7 @@ TEST(VxcamctlLogcat, BadInput) {
             {{"logcat"}, 2, "usage: vxcamctl logcat"},
             {{"logcat", root / "absent"}, 2, "cannot open folder"},
             {{"logcat", file}, 2, "is not a folder"},
-            {{"logcat", "--bogus", folder}, 2, "unexpected argument '--bogus'"},
+            {{"logcat", "--bogus", folder}, 2, "unknown option '--bogus'"},
             {{"logcat", folder, "--tid"}, 2, "--tid needs a value"},
             {{"logcat", "--tid", "12x", folder}, 2, "--tid needs decimal thread ids"},
             {{"logcat", "--tid", "4294967296", folder}, 2, "--tid needs decimal thread ids"},

@@ -30,11 +30,19 @@ int UsageError(const char* command, const char* format, ...) __attribute__((form
 // onOption(id, value) is called for each option in turn, with the short letter or the long
 // option's `val`, and nullptr for an option without a value; it returns false when it has reported
 // a bad value itself (UsageError). Returns false when an argument is wrong, having said which and
-// why on stderr.
+// why on stderr: "unknown option '--chek'", "--check needs a value", "--help takes no value",
+// "'--l' is ambiguous: --lines, --length". A long option named "sysroot" must be written in full,
+// since it takes effect before main().
 bool ParseOptions(const char* command, int argc, char** argv, const char* shortOptions,
                   const option* longOptions,
                   const std::function<bool(int id, const char* value)>& onOption,
                   std::vector<const char*>* operands);
+
+// ParseOptions for a command whose only option is --help (-h), which prints `printUsage`'s text
+// on stdout. Returns false when the command is done, with its exit status in `*status`: kExitOk
+// after --help, kExitUsage after a bad argument.
+bool ParseOperands(const char* command, int argc, char** argv, void (*printUsage)(FILE* out),
+                   std::vector<const char*>* operands, int* status);
 
 // Opens `path` to read for `command`, refusing a directory; says why on stderr and returns
 // nullptr when it cannot ("cannot read '/tmp': Is a directory").

@@ -4,7 +4,6 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <getopt.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -165,15 +164,11 @@ std::set<std::string> Entries(const std::string& folder) {
     return names;
 }
 
+// An unreadable file is said on stderr, and read as empty: what it should hold is then missing.
 std::string ReadText(const std::string& path) {
-    std::string text;
-    if (FILE* file = fopen(path.c_str(), "rb")) {
-        char buffer[65536];
-        size_t got;
-        while ((got = fread(buffer, 1, sizeof(buffer), file)) > 0) text.append(buffer, got);
-        fclose(file);
-    }
-    return text;
+    std::vector<uint8_t> data;
+    ReadWholeFile("crash", path.c_str(), &data);
+    return std::string(data.begin(), data.end());
 }
 
 std::vector<std::string> SplitLines(const std::string& text) {
@@ -440,55 +435,58 @@ int RunCrash(int argc, char** argv) {
             {nullptr, 0, nullptr, 0},
     };
     Options options;
-    optind = 0;  // glibc starts afresh: main() ran getopt over other arguments first
-    opterr = 0;
-    int option;
-    while ((option = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1) {
-        unsigned long number = 0;
-        char* end = nullptr;
-        switch (option) {
-            case 'h':
-                PrintCrashUsage(stdout);
-                return kExitOk;
-            case kSignal:
-                options.fault = FindFault(optarg);
-                if (options.fault == nullptr) {
-                    fprintf(stderr, "vxcamctl crash: unknown signal '%s'\n\n", optarg);
-                    PrintCrashUsage(stderr);
-                    return kExitUsage;
-                }
-                break;
-            case kThreads:
-                number = strtoul(optarg, &end, 10);
-                if (*optarg == '\0' || *end != '\0' || number < 1 || number > 64) {
-                    fprintf(stderr, "vxcamctl crash: --threads takes 1 to 64, not '%s'\n", optarg);
-                    return kExitUsage;
-                }
-                options.threads = static_cast<unsigned>(number);
-                break;
-            case kLines:
-                number = strtoul(optarg, &end, 10);
-                if (*optarg == '\0' || *optarg == '-' || *end != '\0' || number > 10000000) {
-                    fprintf(stderr, "vxcamctl crash: --lines takes 0 to 10000000, not '%s'\n",
-                            optarg);
-                    return kExitUsage;
-                }
-                options.lines = static_cast<unsigned>(number);
-                break;
-            case kSysroot:
-                break;
-            case ':':
-                fprintf(stderr, "vxcamctl crash: %s needs a value\n", argv[optind - 1]);
-                return kExitUsage;
-            default:
-                fprintf(stderr, "vxcamctl crash: unknown argument '%s'\n\n", argv[optind - 1]);
-                PrintCrashUsage(stderr);
-                return kExitUsage;
-        }
-    }
-    if (optind < argc) {
-        fprintf(stderr, "vxcamctl crash: unexpected argument '%s'\n\n", argv[optind]);
+    bool help = false;
+    std::vector<const char*> operands;
+    // A mistake in the fault to take is shown with the usage, which lists the signals.
+    const auto wrong = [](const std::string& message) {
+        UsageError("crash", "%s\n", message.c_str());
         PrintCrashUsage(stderr);
+        return false;
+    };
+    const bool parsed = ParseOptions(
+            "crash", argc, argv, "h", kOptions,
+            [&](int id, const char* value) {
+                unsigned long number = 0;
+                char* end = nullptr;
+                switch (id) {
+                    case 'h':
+                        help = true;
+                        break;
+                    case kSignal:
+                        options.fault = FindFault(value);
+                        if (options.fault == nullptr) {
+                            return wrong(Format("unknown signal '%s'", value));
+                        }
+                        break;
+                    case kThreads:
+                        number = strtoul(value, &end, 10);
+                        if (*value == '\0' || *end != '\0' || number < 1 || number > 64) {
+                            UsageError("crash", "--threads takes 1 to 64, not '%s'", value);
+                            return false;
+                        }
+                        options.threads = static_cast<unsigned>(number);
+                        break;
+                    case kLines:
+                        number = strtoul(value, &end, 10);
+                        if (*value == '\0' || *value == '-' || *end != '\0' || number > 10000000) {
+                            UsageError("crash", "--lines takes 0 to 10000000, not '%s'", value);
+                            return false;
+                        }
+                        options.lines = static_cast<unsigned>(number);
+                        break;
+                    case kSysroot:
+                        return CheckSysroot("crash", value);
+                }
+                return true;
+            },
+            &operands);
+    if (!parsed) return kExitUsage;
+    if (help) {
+        PrintCrashUsage(stdout);
+        return kExitOk;
+    }
+    if (!operands.empty()) {
+        wrong(Format("unexpected argument '%s'", operands[0]));
         return kExitUsage;
     }
 

@@ -1,6 +1,5 @@
 // vxcamctl format: what the library answers for an image format, and why.
 #include <errno.h>
-#include <getopt.h>
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -572,59 +571,44 @@ int RunFormat(int argc, char** argv) {
             {nullptr, 0, nullptr, 0},
     };
     Options options;
-    optind = 0;  // glibc starts afresh: main() ran getopt over other arguments first
-    opterr = 0;
-    int option;
-    while ((option = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1) {
-        switch (option) {
-            case 'h':
-                PrintFormatUsage(stdout);
-                return kExitOk;
-            case kAll:
-                options.all = true;
-                break;
-            case kAlign:
-                if (!ParseNumber(optarg, &options.alignment)) {
-                    fprintf(stderr, "vxcamctl format: --align needs a 32-bit number, not '%s'\n",
-                            optarg);
-                    return kExitUsage;
+    bool help = false;
+    std::vector<const char*> positional;
+    const bool parsed = ParseOptions(
+            "format", argc, argv, "h", kOptions,
+            [&](int id, const char* value) {
+                if (id == 'h') help = true;
+                if (id == kAll) options.all = true;
+                if (id == kHal) options.hal = value;
+                if (id != kAlign) return true;
+                options.hasAlignment = ParseNumber(value, &options.alignment);
+                if (!options.hasAlignment) {
+                    UsageError("format", "--align needs a 32-bit number, not '%s'", value);
                 }
-                options.hasAlignment = true;
-                break;
-            case kHal:
-                options.hal = optarg;
-                break;
-            case ':':
-                fprintf(stderr, "vxcamctl format: %s needs a value\n", argv[optind - 1]);
-                return kExitUsage;
-            default:
-                fprintf(stderr, "vxcamctl format: unknown option '%s'\n\n", argv[optind - 1]);
-                PrintFormatUsage(stderr);
-                return kExitUsage;
-        }
+                return options.hasAlignment;
+            },
+            &positional);
+    if (!parsed) return kExitUsage;
+    if (help) {
+        PrintFormatUsage(stdout);
+        return kExitOk;
     }
     if (options.all && options.hal != nullptr) {
-        fprintf(stderr, "vxcamctl format: --all lists every format; it takes no --hal\n");
-        return kExitUsage;
+        return UsageError("format", "--all lists every format; it takes no --hal");
     }
-    const std::vector<const char*> positional(argv + optind, argv + argc);
     const size_t formatCount = options.all || options.hal != nullptr ? 0 : 1;
     if (positional.size() < formatCount) {
-        fprintf(stderr, "vxcamctl format: which format? Give FORMAT, --hal F or --all\n\n");
+        UsageError("format", "which format? Give FORMAT, --hal F or --all\n");
         PrintFormatUsage(stderr);
         return kExitUsage;
     }
     if (positional.size() > formatCount + 1) {
-        fprintf(stderr, "vxcamctl format: unexpected argument '%s'\n\n",
-                positional[formatCount + 1]);
+        UsageError("format", "unexpected argument '%s'\n", positional[formatCount + 1]);
         PrintFormatUsage(stderr);
         return kExitUsage;
     }
     if (positional.size() > formatCount) {
         if (!ParseSize(positional[formatCount], &options.size)) {
-            fprintf(stderr, "vxcamctl format: '%s' is not a size WIDTHxHEIGHT\n",
-                    positional[formatCount]);
-            return kExitUsage;
+            return UsageError("format", "'%s' is not a size WIDTHxHEIGHT", positional[formatCount]);
         }
         options.hasSize = true;
     }
@@ -637,11 +621,9 @@ int RunFormat(int argc, char** argv) {
         request.hal = ParseNumber(options.hal, &number) ? FindHalFormat(number)
                                                         : FindHalFormat(options.hal);
         if (request.hal == nullptr) {
-            fprintf(stderr,
-                    "vxcamctl format: --hal '%s' is no Android HAL pixel format (--all lists "
-                    "them)\n",
-                    options.hal);
-            return kExitUsage;
+            return UsageError("format",
+                              "--hal '%s' is no Android HAL pixel format (--all lists them)",
+                              options.hal);
         }
     } else if (!options.all && !FindFormat(positional[0], &request)) {
         return kExitUsage;

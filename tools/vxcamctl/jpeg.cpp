@@ -54,24 +54,9 @@ unsigned CheckMarkers(const char* path, const std::vector<uint8_t>& buffer, uint
 }  // namespace
 
 int RunJpeg(int argc, char** argv) {
-    static const option kOptions[] = {
-            {"help", no_argument, nullptr, 'h'},
-            {nullptr, 0, nullptr, 0},
-    };
-    bool help = false;
     std::vector<const char*> operands;
-    const bool parsed = ParseOptions(
-            "jpeg", argc, argv, "h", kOptions,
-            [&](int, const char*) {
-                help = true;  // the only option
-                return true;
-            },
-            &operands);
-    if (!parsed) return kExitUsage;
-    if (help) {
-        PrintJpegUsage(stdout);
-        return kExitOk;
-    }
+    int status = kExitOk;
+    if (!ParseOperands("jpeg", argc, argv, PrintJpegUsage, &operands, &status)) return status;
     if (operands.empty()) {
         PrintJpegUsage(stderr);
         return kExitUsage;

@@ -4,7 +4,6 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <getopt.h>
 #include <regex.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -602,11 +601,61 @@ bool ParseTids(const char* text, std::set<uint32_t>* tids) {
 }
 
 constexpr int kGoOn = -1;
+enum OptionId { kTid = 256, kSince, kGrep, kSession, kList };
+
+// Reads one option into `filters`; false, having said why, on a bad value.
+bool ReadFilter(int id, const char* value, Filters* filters) {
+    switch (id) {
+        case kTid:
+            if (ParseTids(value, &filters->tids)) return true;
+            UsageError("logcat", "--tid needs decimal thread ids, comma-separated, not '%s'", value);
+            return false;
+        case kSince:
+            filters->since = ParseSince(value, &filters->sinceStamp);
+            if (filters->since) return true;
+            UsageError("logcat",
+                       "--since needs a time stamp \"MM-DD HH:MM:SS[.fraction]\", not '%s'", value);
+            return false;
+        case kGrep: {
+            if (filters->grep) {
+                UsageError("logcat", "--grep is given twice; join the patterns with '|'");
+                return false;
+            }
+            const int error = regcomp(&filters->pattern, value, REG_EXTENDED | REG_NOSUB);
+            if (error != 0) {
+                char message[256];
+                regerror(error, &filters->pattern, message, sizeof(message));
+                UsageError("logcat", "--grep '%s': %s", value, message);
+                return false;
+            }
+            filters->grep = true;
+            return true;
+        }
+        case kSession: {
+            uint64_t number = 0;
+            const std::string text = value;
+            size_t pos = 0;
+            if (!ParseDecimal(text, &pos, UINT32_MAX, &number) || pos != text.size() ||
+                number == 0) {
+                UsageError("logcat",
+                           "--session needs a session number from 1 (--list numbers them), not "
+                           "'%s'",
+                           value);
+                return false;
+            }
+            filters->session = static_cast<unsigned long>(number);
+            return true;
+        }
+        case kList:
+            filters->list = true;
+            return true;
+    }
+    return true;
+}
 
 // Reads the options into `filters` and the folders into `folders`; returns kGoOn, or the exit
 // status when there is nothing to merge.
 int ParseArguments(int argc, char** argv, Filters* filters, std::vector<const char*>* folders) {
-    enum { kTid = 256, kSince, kGrep, kSession, kList };
     static const option kOptions[] = {
             {"tid", required_argument, nullptr, kTid},
             {"since", required_argument, nullptr, kSince},
@@ -616,77 +665,19 @@ int ParseArguments(int argc, char** argv, Filters* filters, std::vector<const ch
             {"help", no_argument, nullptr, 'h'},
             {nullptr, 0, nullptr, 0},
     };
-    optind = 0;  // glibc starts afresh: main() ran getopt over other arguments first
-    opterr = 0;
-    int option;
-    while ((option = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1) {
-        switch (option) {
-            case 'h':
-                PrintLogcatUsage(stdout);
-                return kExitOk;
-            case kTid:
-                if (!ParseTids(optarg, &filters->tids)) {
-                    fprintf(stderr,
-                            "vxcamctl logcat: --tid needs decimal thread ids, comma-separated, not "
-                            "'%s'\n",
-                            optarg);
-                    return kExitUsage;
-                }
-                break;
-            case kSince:
-                filters->since = ParseSince(optarg, &filters->sinceStamp);
-                if (!filters->since) {
-                    fprintf(stderr,
-                            "vxcamctl logcat: --since needs a time stamp "
-                            "\"MM-DD HH:MM:SS[.fraction]\", not '%s'\n",
-                            optarg);
-                    return kExitUsage;
-                }
-                break;
-            case kGrep:
-                if (filters->grep) {
-                    fprintf(stderr,
-                            "vxcamctl logcat: --grep is given twice; join the patterns with '|'\n");
-                    return kExitUsage;
-                } else {
-                    const int error = regcomp(&filters->pattern, optarg, REG_EXTENDED | REG_NOSUB);
-                    if (error != 0) {
-                        char message[256];
-                        regerror(error, &filters->pattern, message, sizeof(message));
-                        fprintf(stderr, "vxcamctl logcat: --grep '%s': %s\n", optarg, message);
-                        return kExitUsage;
-                    }
-                    filters->grep = true;
-                }
-                break;
-            case kSession: {
-                uint64_t number = 0;
-                const std::string text = optarg;
-                size_t pos = 0;
-                if (!ParseDecimal(text, &pos, UINT32_MAX, &number) || pos != text.size() ||
-                    number == 0) {
-                    fprintf(stderr,
-                            "vxcamctl logcat: --session needs a session number from 1 (--list "
-                            "numbers them), not '%s'\n",
-                            optarg);
-                    return kExitUsage;
-                }
-                filters->session = static_cast<unsigned long>(number);
-                break;
-            }
-            case kList:
-                filters->list = true;
-                break;
-            case ':':
-                fprintf(stderr, "vxcamctl logcat: %s needs a value\n", argv[optind - 1]);
-                return kExitUsage;
-            default:
-                fprintf(stderr, "vxcamctl logcat: unexpected argument '%s'\n\n", argv[optind - 1]);
-                PrintLogcatUsage(stderr);
-                return kExitUsage;
-        }
+    bool help = false;
+    const bool parsed = ParseOptions(
+            "logcat", argc, argv, "h", kOptions,
+            [&](int id, const char* value) {
+                help = help || id == 'h';
+                return ReadFilter(id, value, filters);
+            },
+            folders);
+    if (!parsed) return kExitUsage;
+    if (help) {
+        PrintLogcatUsage(stdout);
+        return kExitOk;
     }
-    folders->assign(argv + optind, argv + argc);
     if (folders->empty()) {
         PrintLogcatUsage(stderr);
         return kExitUsage;

@@ -10,6 +10,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "Commands.h"
 
 namespace {
@@ -193,20 +195,50 @@ void ReleaseLoadLog() {
     fputs(shown.c_str(), stderr);
 }
 
-void ReportBadOption(const char* command, const char* argument, bool missingValue) {
-    if (strncmp(argument, "--", 2) == 0) {
-        const std::string name(argument, strcspn(argument, "="));
+// The long options `typed` ("--name", without any "=value") may stand for: the one it names in
+// full, or those it begins, less any that getopt_long takes for the same option.
+std::vector<const option*> LongOptionsFor(const option* longOptions, const std::string& typed) {
+    const std::string name = typed.substr(2);
+    std::vector<const option*> matches;
+    for (const option* candidate = longOptions; candidate != nullptr && candidate->name != nullptr;
+         ++candidate) {
+        if (name.empty() || strncmp(candidate->name, name.c_str(), name.size()) != 0) continue;
+        if (candidate->name[name.size()] == '\0') return {candidate};
+        const bool same = std::any_of(matches.begin(), matches.end(), [&](const option* match) {
+            return match->has_arg == candidate->has_arg && match->flag == candidate->flag &&
+                   match->val == candidate->val;
+        });
+        if (!same) matches.push_back(candidate);
+    }
+    return matches;
+}
+
+// Says why getopt_long refused `argument`: it only says that it did. A long option is named in
+// full, since getopt_long takes any unambiguous beginning of one.
+void ReportBadOption(const char* command, const option* longOptions, const char* argument,
+                     bool missingValue) {
+    if (strncmp(argument, "--", 2) != 0) {
         if (missingValue) {
-            vxcamctl::UsageError(command, "%s needs a value", name.c_str());
-        } else if (argument[name.size()] == '=' && optopt != 0) {
-            vxcamctl::UsageError(command, "%s takes no value", name.c_str());
+            vxcamctl::UsageError(command, "-%c needs a value", optopt);
         } else {
-            vxcamctl::UsageError(command, "unknown option '%s'", name.c_str());
+            vxcamctl::UsageError(command, "unknown option '-%c'", optopt);
         }
+        return;
+    }
+    const std::string typed(argument, strcspn(argument, "="));
+    const std::vector<const option*> matches = LongOptionsFor(longOptions, typed);
+    if (matches.empty()) {
+        vxcamctl::UsageError(command, "unknown option '%s'", typed.c_str());
+    } else if (matches.size() > 1) {
+        std::string names;
+        for (const option* match : matches) {
+            names += std::string(names.empty() ? "" : ", ") + "--" + match->name;
+        }
+        vxcamctl::UsageError(command, "'%s' is ambiguous: %s", typed.c_str(), names.c_str());
     } else if (missingValue) {
-        vxcamctl::UsageError(command, "-%c needs a value", optopt);
+        vxcamctl::UsageError(command, "--%s needs a value", matches[0]->name);
     } else {
-        vxcamctl::UsageError(command, "unknown option '-%c'", optopt);
+        vxcamctl::UsageError(command, "--%s takes no value", matches[0]->name);
     }
 }
 
@@ -262,18 +294,46 @@ bool ParseOptions(const char* command, int argc, char** argv, const char* shortO
     for (;;) {
         // The argument getopt is on: a cluster of short options keeps optind until its last.
         const int at = optind == 0 ? 1 : optind;
-        const int id = getopt_long(argc, argv, letters.c_str(), longOptions, nullptr);
+        const char* typed = at < argc ? argv[at] : "";
+        int index = -1;
+        const int id = getopt_long(argc, argv, letters.c_str(), longOptions, &index);
         if (id == -1) break;
         if (id == 1) {
             operands->push_back(optarg);
         } else if (id == '?' || id == ':') {
-            ReportBadOption(command, at < argc ? argv[at] : "", id == ':');
+            ReportBadOption(command, longOptions, typed, id == ':');
+            return false;
+        } else if (index >= 0 && strcmp(longOptions[index].name, "sysroot") == 0 &&
+                   strncmp(typed, "--sysroot", 9) != 0) {
+            // It took effect before main(), which knows it by its full name only.
+            const std::string name(typed, strcspn(typed, "="));
+            UsageError(command, "write '%s' as --sysroot in full", name.c_str());
             return false;
         } else if (!onOption(id, optarg)) {
             return false;
         }
     }
     operands->insert(operands->end(), argv + optind, argv + argc);
+    return true;
+}
+
+bool ParseOperands(const char* command, int argc, char** argv, void (*printUsage)(FILE* out),
+                   std::vector<const char*>* operands, int* status) {
+    static const option kHelpOnly[] = {
+            {"help", no_argument, nullptr, 'h'},
+            {nullptr, 0, nullptr, 0},
+    };
+    bool help = false;
+    const auto onHelp = [&](int, const char*) { return help = true; };
+    if (!ParseOptions(command, argc, argv, "h", kHelpOnly, onHelp, operands)) {
+        *status = kExitUsage;
+        return false;
+    }
+    if (help) {
+        printUsage(stdout);
+        *status = kExitOk;
+        return false;
+    }
     return true;
 }
 

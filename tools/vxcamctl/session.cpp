@@ -4,7 +4,6 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>
-#include <getopt.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <signal.h>
@@ -32,6 +31,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include <VxCamLogSink.h>
@@ -1334,123 +1334,69 @@ const struct option kLongOptions[] = {
         {nullptr, 0, nullptr, 0},
 };
 
-// Why getopt_long refused `argument`, in words: it only says that it did.
-std::string Refusal(const char* argument) {
-    if (strncmp(argument, "--", 2) != 0) return Format("unknown option '%s'", argument);
-    const char* name = argument + 2;
-    const char* equals = strchr(name, '=');
-    const size_t length = equals != nullptr ? static_cast<size_t>(equals - name) : strlen(name);
-    std::vector<const option*> matches;
-    for (const option* candidate = kLongOptions; candidate->name != nullptr; ++candidate) {
-        if (strncmp(candidate->name, name, length) != 0) continue;
-        if (candidate->name[length] == '\0') {
-            matches.assign(1, candidate);
-            break;
+// Reads one option into `options`; false, having said why, on a bad value.
+bool ReadOption(int id, const char* value, Options* options, bool* help) {
+    // A number within [min, max] into `field`: the reason names the option and the range.
+    const auto number = [&](unsigned long min, unsigned long max, auto* field) {
+        unsigned long parsed = 0;
+        if (ParseNumber(value, max, &parsed) && parsed >= min) {
+            *field = static_cast<std::remove_pointer_t<decltype(field)>>(parsed);
+            return true;
         }
-        matches.push_back(candidate);
+        const option* named = kLongOptions;
+        while (named->val != id) ++named;
+        UsageError("session", "--%s needs a number from %lu to %lu, not '%s'", named->name, min,
+                   max, value);
+        return false;
+    };
+    switch (id) {
+        case kOptThreads:
+            return number(1, 1024, &options->threads);
+        case kOptLines:
+            return number(0, kMaxLines, &options->lines);
+        case kOptLength:
+            return number(32, 1000, &options->length);
+        case kOptSessions:
+            return number(1, 1000, &options->sessions);
+        case kOptLogSystemEvery:
+            return number(0, 1000000, &options->logSystemEvery);
+        case kOptDuration:
+            return number(1, 7 * 24 * 3600, &options->duration);
+        case kOptLibrary:
+            if (*value == '\0') {  // dlopen would hand back this program itself
+                UsageError("session", "--library needs a value");
+                return false;
+            }
+            options->library = value;
+            return true;
+        case kOptSysroot:
+            return CheckSysroot("session", value);
     }
-    if (matches.empty()) return Format("unknown option '%s'", argument);
-    if (matches.size() > 1) {
-        std::string names;
-        for (const option* match : matches)
-            names += std::string(names.empty() ? "" : ", ") + "--" + match->name;
-        return Format("'%s' is ambiguous: %s", argument, names.c_str());
-    }
-    if (matches[0]->has_arg == no_argument)
-        return Format("--%s takes no value ('%s')", matches[0]->name, argument);
-    return Format("--%s needs a value", matches[0]->name);
+    const std::pair<int, bool*> switches[] = {
+            {'h', help},
+            {'v', &options->verbose},
+            {kOptCloseWhileLogging, &options->closeWhileLogging},
+            {kOptBench, &options->bench},
+            {kOptAndroidLog, &options->androidLog},
+            {kOptNoMembarrier, &options->noMembarrier},
+            {kOptQuiet, &options->quiet},
+            {kOptKeep, &options->keep},
+    };
+    for (const auto& [switchId, field] : switches) *field = *field || switchId == id;
+    return true;
 }
 
 // Fills `options` from the command line; false, with the reason on stderr, on a bad argument.
 // `help` is set for --help.
-bool ParseOptions(int argc, char** argv, Options* options, bool* help) {
-    opterr = 0;  // the messages are ours
-    optind = 0;  // from argv[1], whatever ran getopt before
-    for (;;) {
-        const int at = optind == 0 ? 1 : optind;
-        int index = -1;
-        const int id = getopt_long(argc, argv, "+:hv", kLongOptions, &index);
-        if (id == -1) break;
-        const char* typed = at < argc ? argv[at] : "";
-        if (id == '?' || id == ':') {
-            fprintf(stderr, "vxcamctl session: %s\n", Refusal(typed).c_str());
-            return false;
-        }
-        const char* name = index >= 0 ? kLongOptions[index].name : "";
-        unsigned long number = 0;
-        const auto numeric = [&](unsigned long min, unsigned long max) {
-            if (ParseNumber(optarg, max, &number) && number >= min) return true;
-            fprintf(stderr, "vxcamctl session: --%s needs a number from %lu to %lu, not '%s'\n",
-                    name, min, max, optarg);
-            return false;
-        };
-        switch (id) {
-            case 'h':
-                *help = true;
-                return true;
-            case 'v':
-                options->verbose = true;
-                break;
-            case kOptThreads:
-                if (!numeric(1, 1024)) return false;
-                options->threads = static_cast<unsigned>(number);
-                break;
-            case kOptLines:
-                if (!numeric(0, kMaxLines)) return false;
-                options->lines = number;
-                break;
-            case kOptLength:
-                if (!numeric(32, 1000)) return false;
-                options->length = static_cast<unsigned>(number);
-                break;
-            case kOptSessions:
-                if (!numeric(1, 1000)) return false;
-                options->sessions = static_cast<unsigned>(number);
-                break;
-            case kOptLogSystemEvery:
-                if (!numeric(0, 1000000)) return false;
-                options->logSystemEvery = static_cast<unsigned>(number);
-                break;
-            case kOptDuration:
-                if (!numeric(1, 7 * 24 * 3600)) return false;
-                options->duration = static_cast<unsigned>(number);
-                break;
-            case kOptCloseWhileLogging:
-                options->closeWhileLogging = true;
-                break;
-            case kOptBench:
-                options->bench = true;
-                break;
-            case kOptAndroidLog:
-                options->androidLog = true;
-                break;
-            case kOptNoMembarrier:
-                options->noMembarrier = true;
-                break;
-            case kOptQuiet:
-                options->quiet = true;
-                break;
-            case kOptKeep:
-                options->keep = true;
-                break;
-            case kOptLibrary:
-                if (*optarg == '\0') {  // dlopen would hand back this program itself
-                    fprintf(stderr, "vxcamctl session: --library needs a value\n");
-                    return false;
-                }
-                options->library = optarg;
-                break;
-            case kOptSysroot:
-                // Applied before main, which takes the option by its full name only.
-                if (strncmp(typed, "--sysroot", 9) != 0 || (typed[9] != '\0' && typed[9] != '=')) {
-                    fprintf(stderr, "vxcamctl session: write '%s' as --sysroot in full\n", typed);
-                    return false;
-                }
-                break;
-        }
-    }
-    if (optind < argc) {
-        fprintf(stderr, "vxcamctl session: unexpected argument '%s'\n", argv[optind]);
+bool ReadOptions(int argc, char** argv, Options* options, bool* help) {
+    std::vector<const char*> operands;
+    const bool parsed = ParseOptions(
+            "session", argc, argv, "hv", kLongOptions,
+            [&](int id, const char* value) { return ReadOption(id, value, options, help); },
+            &operands);
+    if (!parsed) return false;
+    if (!operands.empty()) {
+        UsageError("session", "unexpected argument '%s'", operands[0]);
         return false;
     }
     const char* clash = options->duration == 0 ? nullptr
@@ -1458,7 +1404,7 @@ bool ParseOptions(int argc, char** argv, Options* options, bool* help) {
                         : options->keep        ? "--keep"
                                                : nullptr;
     if (clash != nullptr) {
-        fprintf(stderr, "vxcamctl session: %s does not go with --duration\n", clash);
+        UsageError("session", "%s does not go with --duration", clash);
         return false;
     }
     return true;
@@ -1469,7 +1415,7 @@ bool ParseOptions(int argc, char** argv, Options* options, bool* help) {
 int RunSession(int argc, char** argv) {
     Options options;
     bool help = false;
-    if (!ParseOptions(argc, argv, &options, &help)) {
+    if (!ReadOptions(argc, argv, &options, &help)) {
         fprintf(stderr, "(vxcamctl session --help lists the options)\n");
         return kExitUsage;
     }

@@ -1,7 +1,6 @@
 // vxcamctl sysroot: a camera sysroot for a vxcamctl that runs outside its build folder.
 #include <errno.h>
 #include <fcntl.h>
-#include <getopt.h>
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -10,6 +9,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <vector>
 
 #include "Commands.h"
 #include "SysrootTemplate.h"
@@ -32,8 +32,9 @@ void PrintSysrootUsage(FILE* out) {
             "  --help         show this text\n");
 }
 
-int UsageError(const char* command, const std::string& message) {
-    fprintf(stderr, "vxcamctl %s: %s\n\n", command, message.c_str());
+// A mistake in the action is shown with the usage, which is short and says what it wants.
+int ActionError(const char* command, const std::string& message) {
+    UsageError(command, "%s\n", message.c_str());
     PrintSysrootUsage(stderr);
     return kExitUsage;
 }
@@ -99,33 +100,20 @@ int Init(const char* directory) {
 }  // namespace
 
 int RunSysroot(int argc, char** argv) {
-    static const option kOptions[] = {
-            {"help", no_argument, nullptr, 'h'},
-            {nullptr, 0, nullptr, 0},
-    };
-    opterr = 0;  // the messages below name the command
-    optind = 0;  // glibc starts afresh: main() ran getopt over other arguments first
-    int option;
-    while ((option = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1) {
-        switch (option) {
-            case 'h':
-                PrintSysrootUsage(stdout);
-                return kExitOk;
-            default:
-                return UsageError("sysroot", Format("unexpected argument '%s'", argv[optind - 1]));
-        }
+    std::vector<const char*> operands;
+    int status = kExitOk;
+    if (!ParseOperands("sysroot", argc, argv, PrintSysrootUsage, &operands, &status)) return status;
+    if (operands.empty()) return ActionError("sysroot", "an action is needed: init DIR");
+    if (strcmp(operands[0], "init") != 0) {
+        return ActionError("sysroot",
+                           Format("unknown action '%s' (the one action is init)", operands[0]));
     }
-    if (optind >= argc) return UsageError("sysroot", "an action is needed: init DIR");
-    if (strcmp(argv[optind], "init") != 0) {
-        return UsageError("sysroot",
-                          Format("unknown action '%s' (the one action is init)", argv[optind]));
+    if (operands.size() < 2) return ActionError("sysroot init", "DIR is needed");
+    if (operands.size() > 2) {
+        return ActionError("sysroot init", Format("unexpected argument '%s'", operands[2]));
     }
-    if (optind + 1 >= argc) return UsageError("sysroot init", "DIR is needed");
-    if (optind + 2 < argc) {
-        return UsageError("sysroot init", Format("unexpected argument '%s'", argv[optind + 2]));
-    }
-    if (argv[optind + 1][0] == '\0') return UsageError("sysroot init", "DIR is empty");
-    return Init(argv[optind + 1]);
+    if (operands[1][0] == '\0') return ActionError("sysroot init", "DIR is empty");
+    return Init(operands[1]);
 }
 
 }  // namespace vxcamctl
