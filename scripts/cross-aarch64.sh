@@ -47,7 +47,7 @@ jobs=$(nproc)
 echo "== aarch64 cross build"
 cmake -S . -B build-aarch64 -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-aarch64-linux-gnu.cmake \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVXCAM_BUILD_BENCHMARKS=OFF -DVXCAM_BUILD_TOOLS=$tools \
-    >/dev/null
+    -DVXCAM_WERROR=ON >/dev/null
 cmake --build build-aarch64 -j"$jobs"
 echo "== aarch64 tests under qemu-user"
 # qemu-user 7.2 passes mremap(MREMAP_DONTUNMAP) on, but then takes the old range for unmapped (a

@@ -15,7 +15,8 @@ fuzzers=("$@")
 
 build=build-fuzz
 CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DVXCAM_BUILD_TESTS=OFF -DVXCAM_BUILD_TOOLS=OFF -DVXCAM_BUILD_BENCHMARKS=OFF >/dev/null
+    -DVXCAM_BUILD_TESTS=OFF -DVXCAM_BUILD_TOOLS=OFF -DVXCAM_BUILD_BENCHMARKS=OFF -DVXCAM_WERROR=ON \
+    >/dev/null
 cmake --build "$build" -j"$(nproc)" --target "${fuzzers[@]}"
 
 failed=0

@@ -11,7 +11,7 @@ build="build-libcxx"
 jobs=$(nproc)
 echo "== build with clang and libc++"
 CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DVXCAM_LIBCXX=ON \
-    -DVXCAM_BUILD_BENCHMARKS=OFF -DVXCAM_BUILD_FUZZERS=OFF >/dev/null
+    -DVXCAM_BUILD_BENCHMARKS=OFF -DVXCAM_BUILD_FUZZERS=OFF -DVXCAM_WERROR=ON >/dev/null
 cmake --build "$build" -j"$jobs"
 echo "== tests against libc++"
 ctest --test-dir "$build" --output-on-failure -j"$jobs"

@@ -269,11 +269,19 @@ TEST(Compression, VxcamctlZlib) {
     EXPECT_EQ(vxcamctl({"decompress", folder / "dump.z", "-o", folder / "back"}).exitCode, 0);
     EXPECT_EQ(ReadBytes(folder / "back"), input);
     EXPECT_EQ(vxcamctl({"crc32", folder.Write("digits", "123456789")}).out, "cbf43926\n");
+    // Read in pieces, chained through the library's call; -o takes the printed line too.
+    const Bytes large = Random(200000, 256, 7);
+    EXPECT_EQ(vxcamctl({"crc32", WriteBytes(folder, "large", large), "-o", folder / "crc"}).exitCode,
+              0);
+    char crc[16];
+    snprintf(crc, sizeof(crc), "%08lx\n", OsUtils::ComputeCRC32(0, large.data(), large.size()));
+    EXPECT_EQ(vxcamtest::ReadFile(folder / "crc"), crc);
 
     EXPECT_EQ(vxcamctl({"decompress", plain}).exitCode, 1);  // not a stream
     EXPECT_EQ(vxcamctl({"compress", WriteBytes(folder, "noise", Random(64, 256))}).exitCode, 1);
     EXPECT_EQ(vxcamctl({"estimate", folder / "absent"}).exitCode, 2);
     EXPECT_EQ(vxcamctl({"inflate", plain}).exitCode, 2);
+    EXPECT_EQ(vxcamctl({"estimate", plain, "extra"}).exitCode, 2);
 }
 #endif
 

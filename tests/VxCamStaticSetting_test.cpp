@@ -66,10 +66,11 @@ struct Loaded {
 
 Loaded LoadOn(const TempDir& sysroot) {
     Loaded loaded;
-    loaded.process =
-            vxcamtest::RunProcess({vxcamtest::Vxcamctl(), "settings", "--sysroot", sysroot.Path()},
-                                  {{"ANDROID_LOG_TAGS", "\x01"}});
-    const std::regex row(R"(^(\S+)\s+(\S+)\s+(.*?)(  \(default .*\))?$)");
+    loaded.process = vxcamtest::RunProcess(
+            {vxcamtest::Vxcamctl(), "-v", "settings", "--sysroot", sysroot.Path()},
+            {{"ANDROID_LOG_TAGS", "\x01"}});
+    // NAME KIND FROM VALUE, then the default where the value differs from it.
+    const std::regex row(R"(^(\S+)\s+(\S+)\s+\S+\s+(.*?)(  \(default .*\))?$)");
     std::istringstream lines(loaded.process.out);
     std::string line;
     while (std::getline(lines, line)) {

@@ -39,7 +39,9 @@ static int FindMarker(const char* folder, const char* marker, int depth) {
     while (!found && (entry = readdir(dir)) != NULL) {
         if (entry->d_name[0] == '.') continue;
         char path[4096];
-        snprintf(path, sizeof(path), "%s/%s", folder, entry->d_name);
+        /* A cut path would name another file: such an entry is not searched. */
+        const int length = snprintf(path, sizeof(path), "%s/%s", folder, entry->d_name);
+        if (length < 0 || (size_t)length >= sizeof(path)) continue;
         if (entry->d_type == DT_DIR) {
             if (depth > 0) found = FindMarker(path, marker, depth - 1);
             continue;
@@ -87,7 +89,8 @@ int main(int argc, char** argv) {
     CHECK(((TextFn)table.functions[0])(kOfflineLog, marker) == 0);
     ((VoidFn)table.functions[3])(kOfflineLog); /* camera close writes the session */
     char camera[4096];
-    snprintf(camera, sizeof(camera), "%s/data/vendor/camera", argv[2]);
+    const int length = snprintf(camera, sizeof(camera), "%s/data/vendor/camera", argv[2]);
+    CHECK(length > 0 && (size_t)length < sizeof(camera));
     CHECK(FindMarker(camera, marker, 1));
 
     /* From the core-dump path on, an invalid type answers 0. */

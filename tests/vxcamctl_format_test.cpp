@@ -17,38 +17,94 @@ ProcessResult RunVxcamctl(const std::vector<std::string>& arguments) {
 }
 
 TEST(VxcamctlFormat, ReportsOneFormatByAnyOfItsNames) {
-    for (const char* name : {"NV12", "yuv420nv12", "0x3"}) {
-        const ProcessResult result = RunVxcamctl({"format", name, "4000x3000"});
-        ASSERT_EQ(result.exitCode, 0) << name << result.err;
-        EXPECT_EQ(result.out,
-                  "format         3 YUV420NV12\n"
-                  "ConvertFormat  accepted\n"
-                  "name           \"YUV420NV12\"\n"
-                  "HAL format     0x23 HAL_PIXEL_FORMAT_YCBCR_420_888\n"
-                  "layers         3\n"
-                  "plane align    64\n"
-                  "slice align    64\n"
-                  "stride         4032  (width 4000 rounded up to a multiple of 64)\n"
-                  "slice height   3008  (height 3000 rounded up to a multiple of 64)\n"
-                  "buffer size    18192384  (stride x slice height 4032 x 3008, 1.5 bytes a "
-                  "pixel)\n"
-                  "buffer size    18000000  (width x height 4000 x 3000, 1.5 bytes a pixel)\n");
+    const std::string report =
+            "format         3 YUV420NV12\n"
+            "ConvertFormat  accepted\n"
+            "name           \"YUV420NV12\"\n"
+            "HAL format     0x23 HAL_PIXEL_FORMAT_YCBCR_420_888\n"
+            "layers         3\n"
+            "plane align    64\n"
+            "slice align    64\n"
+            "stride         4032 pixels, 4032 bytes at 8 bits a pixel  (width 4000 rounded up to a "
+            "multiple of 64)\n"
+            "slice height   3008  (height 3000 rounded up to a multiple of 64)\n"
+            "buffer size    18192384  (stride x slice height 4032 x 3008, 1.5 bytes a pixel)\n"
+            "buffer size    18000000  (width x height 4000 x 3000, 1.5 bytes a pixel)\n";
+    const std::string fromHal =
+            "asked for      HAL_PIXEL_FORMAT_YCBCR_420_888 (0x23): a HAL takes the library's "
+            "YUV420NV12 (3) for it\n"
+            "               YUV420NV21 (4) reports this HAL format too\n";
+    // A bare number is the library's own value; the line says so and how to mean Android's.
+    const struct {
+        std::string name;
+        std::string asked;
+    } names[] = {
+            {"NV12", ""},
+            {"yuv420nv12", ""},
+            {"0x3",
+             "asked for      0x3, read as the library's own format value; for Android's "
+             "HAL_PIXEL_FORMAT_RGB_888 (0x3) write --hal 0x3\n"},
+            {"YCBCR_420_888", fromHal},
+            {"HAL_PIXEL_FORMAT_YCbCr_420_888", fromHal},
+            {"--hal=0x23", fromHal},
+    };
+    for (const auto& n : names) {
+        const ProcessResult result = RunVxcamctl({"format", n.name, "4000x3000"});
+        ASSERT_EQ(result.exitCode, 0) << n.name << result.err;
+        EXPECT_EQ(result.out, n.asked + report) << n.name;
         // The report speaks for the library: its error lines stay out of the way.
         EXPECT_EQ(result.err.find("[UTILS  ]"), std::string::npos);
     }
-    const ProcessResult y16 = RunVxcamctl({"format", "Y16", "640x480", "--align", "63"});
-    EXPECT_NE(y16.out.find("\nname           none: Y16 has no name string; the library returns "
-                           "\"\" and logs an error\n"),
-              std::string::npos);
-    EXPECT_NE(y16.out.find("\nbuffer size    none: Y16 has no size rule; the library returns 0 "
-                           "and logs an error\n"),
-              std::string::npos);
-    const std::string all = RunVxcamctl({"format", "--all", "4000x3000"}).out;
-    EXPECT_NE(all.find("\n22    P010            P010            yes  0x36 YCBCR_P010          "
-                       "     3    64    64       8192       3000     36864000     18000000\n"),
-              std::string::npos);
-    EXPECT_NE(all.find("\n38    DepthJpeg"), std::string::npos);
-    EXPECT_NE(all.find("\n>=39  Max             -               no "), std::string::npos);
+
+    const struct {
+        std::vector<std::string> arguments;
+        int exitCode;
+        std::vector<std::string> lines;
+    } cases[] = {
+            {{"0x23"},
+             0,
+             {"for Android's HAL_PIXEL_FORMAT_YCBCR_420_888 (0x23) write --hal 0x23\n"
+              "format         35 YV12\n"}},
+            // Android's names win over the library's enumerators spelt alike.
+            {{"RAW16"},
+             0,
+             {"a HAL takes the library's RawPlain16 (10) for it\n",
+              "for the library's own enumerator Raw16: vxcamctl format 27\n"}},
+            {{"hal_pixel_format_blob"},
+             0,
+             {"a HAL takes the library's Jpeg (0) for it\n"
+              "               Blob (6), Jpgr (37), DepthJpeg (38) report this HAL format too\n"}},
+            {{"--hal", "0x22"},
+             1,
+             {"HAL_PIXEL_FORMAT_IMPLEMENTATION_DEFINED (0x22): no library format reports this HAL "
+              "format\n"}},
+            {{"Y16", "640x480", "--align", "63"},
+             0,
+             {"\nname           none: Y16 has no name string; the library returns \"\" and logs an "
+              "error\n",
+              "\nstride         640 pixels, 1280 bytes at 16 bits a pixel  (the width)\n",
+              "\nbuffer size    none: Y16 has no size rule; the library returns 0 and logs an "
+              "error\n"}},
+            {{"P010", "1920x1080"},
+             0,
+             {"\nstride         3840 bytes  (2 bytes a pixel, rounded up to a multiple of 256)\n"}},
+            {{"--all", "4000x3000"},
+             0,
+             {"\n22    P010            P010            yes  0x36 YCBCR_P010               3    64 "
+              "   64     8192 B       3000     36864000     18000000\n",
+              "\n38    DepthJpeg", "\n>=39  Max             -               no ",
+              "\n0x23       YCBCR_420_888            YUV420NV12 (3); also reported by YUV420NV21 "
+              "(4)\n"}},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> arguments = {"format"};
+        arguments.insert(arguments.end(), c.arguments.begin(), c.arguments.end());
+        const ProcessResult result = RunVxcamctl(arguments);
+        EXPECT_EQ(result.exitCode, c.exitCode) << c.arguments[0] << result.err;
+        for (const std::string& line : c.lines) {
+            EXPECT_NE(result.out.find(line), std::string::npos) << line << "\n" << result.out;
+        }
+    }
 }
 
 TEST(VxcamctlFormat, RejectsUnknownNamesAndSizes) {
@@ -60,6 +116,7 @@ TEST(VxcamctlFormat, RejectsUnknownNamesAndSizes) {
              "'TP10' is more than one image format: YUV420NV12TP10, "
              "YUV420NV21TP10, YUV422NV16TP10"},
             {{"format", "NV13"}, "'NV13' is no image format"},
+            {{"format", "--hal", "0x99"}, "--hal '0x99' is no Android HAL pixel format"},
             {{"format", "NV12", "4000"}, "'4000' is not a size WIDTHxHEIGHT"},
     };
     for (const auto& c : cases) {
@@ -71,7 +128,7 @@ TEST(VxcamctlFormat, RejectsUnknownNamesAndSizes) {
 
 TEST(VxcamctlJpeg, ReadsTheBlobTrailer) {
     TempDir folder;
-    const std::string body(4088, '\xAB');
+    const std::string body = "\xFF\xD8" + std::string(4084, '\xAB') + "\xFF\xD9";  // SOI ... EOI
     const struct {
         std::string content;
         int exitCode;
@@ -85,6 +142,10 @@ TEST(VxcamctlJpeg, ReadsTheBlobTrailer) {
             {body + std::string("\xFF\0\0\0\xF9\x0F\0\0", 8), 1,
              "the trailer (blob id 255) claims 4089 JPEG bytes, but the buffer holds only 4088 "
              "before it; the library returns 4089 unchecked"},
+            {"\xFF\xE0" + body.substr(2) + std::string("\x0F\0\0\0\xF8\x0F\0\0", 8), 1,
+             "the JPEG does not start with SOI (FF D8) but with FF E0"},
+            {body + std::string("\x0F\0\0\0\xF7\x0F\0\0", 8), 1,
+             "the JPEG's 4087 bytes do not end with EOI (FF D9) but with AB FF"},
     };
     for (const auto& c : cases) {
         const std::string path = folder.Write("capture.blob", c.content);

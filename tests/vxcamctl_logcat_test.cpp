@@ -89,6 +89,46 @@ TEST(VxcamctlLogcat, MergesThreadsBySegmentAndTimeStamp) {
     const ProcessResult copied = RunVxcamctl({"logcat", backup});
     EXPECT_EQ(copied.exitCode, 0) << copied.err;
     EXPECT_EQ(copied.out, result.out);
+
+    // Read together, each copy is read once, also one the library appended to after the copy.
+    // The folder both are in is a camera folder, as adb pulls it: its newest session is read with
+    // the backup of its files unless --session picks another, and with more than one session they
+    // are listed.
+    const std::string kC4 = "03-14 09:26:56:000000000  4242   303 I VxCam: 303 after the backup\n";
+    root.Write(std::filesystem::path(folder).filename().string() + "/" + kPrefix +
+                       "_Tid303_Session2_Segment1.txt",
+               kC3 + kC4);
+    const std::string merged = result.out + kC4;
+    const std::string kOld = "03-13 22:00:00:000000000  4242     7 I VxCam: an earlier session\n";
+    root.Write(
+            "VxCam_OfflineLog_2026-03-13--22-00-00-000001/"
+            "VxCam_OfflineLog_2026-03-13--22-00-00-000000__Tid7_Session1_Segment1.txt",
+            kOld);
+    const std::string sessions =
+            "sessions in '" + root.Path() +
+            "', oldest first:\n"
+            "  1  VxCam_OfflineLog_2026-03-13--22-00-00-000001  1 text file\n"
+            "  2  VxCam_OfflineLog_2026-03-14--09-26-53-000002  8 text files, crash backup " +
+            backupName + "\n";
+    const struct {
+        std::vector<std::string> arguments;
+        std::string out;
+        std::string err;
+    } cases[] = {
+            {{folder, backup}, merged, "passed over 8 copies"},
+            {{root.Path()}, merged, sessions + "vxcamctl logcat: merging the newest, session 2"},
+            {{"--session=2", root.Path()}, merged, "passed over 8 copies"},
+            {{"--session", "1", root.Path()}, kOld, ""},
+            {{"--list", root.Path()}, sessions, ""},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> arguments = {"logcat"};
+        arguments.insert(arguments.end(), c.arguments.begin(), c.arguments.end());
+        const ProcessResult both = RunVxcamctl(arguments);
+        EXPECT_EQ(both.exitCode, 0) << c.arguments[0] << both.err;
+        EXPECT_EQ(both.out, c.out) << c.arguments[0];
+        EXPECT_NE(both.err.find(c.err), std::string::npos) << both.err;
+    }
 }
 
 TEST(VxcamctlLogcat, Filters) {
@@ -135,13 +175,17 @@ TEST(VxcamctlLogcat, BadInput) {
             {{"logcat"}, 2, "usage: vxcamctl logcat"},
             {{"logcat", root / "absent"}, 2, "cannot open folder"},
             {{"logcat", file}, 2, "is not a folder"},
-            {{"logcat", "--bogus", folder}, 2, "unexpected argument '--bogus'"},
+            {{"logcat", "--bogus", folder}, 2, "unknown option '--bogus'"},
             {{"logcat", folder, "--tid"}, 2, "--tid needs a value"},
             {{"logcat", "--tid", "12x", folder}, 2, "--tid needs decimal thread ids"},
             {{"logcat", "--tid", "4294967296", folder}, 2, "--tid needs decimal thread ids"},
             {{"logcat", "--since", "14-03 09:26:53", folder}, 2, "--since needs a time stamp"},
             {{"logcat", "--since", "03-14 09:26:53.", folder}, 2, "--since needs a time stamp"},
             {{"logcat", "--grep", "(", folder}, 2, "--grep '('"},
+            {{"logcat", "--session", "2", root.Path()},
+             2,
+             "--session 2: '" + root.Path() + "' holds 1 session"},
+            {{"logcat", "--list", folder}, 2, "--list takes a camera folder"},
             {{"logcat", root / "empty"}, 1, "no text log file"},
             {{"logcat", "--tid", "404", folder}, 1, "no line passed the filters"},
             {{"logcat", "--grep", "no such text", folder}, 1, "no line passed the filters"},
@@ -170,7 +214,7 @@ TEST(VxcamctlLogcat, ReadsWhatTheLibraryWrote) {
     sysroot.MakeCameraRoot(true);
     const ProcessResult session =
             RunVxcamctl({"session", "--sysroot", sysroot.Path(), "--threads", "3", "--lines",
-                         "3000", "--sessions", "2", "--logsystem-every", "3"});
+                         "3000", "--sessions", "2", "--logsystem-every", "3", "--keep"});
     ASSERT_EQ(session.exitCode, 0) << session.out << session.err;
 
     std::vector<std::string> arguments = {"logcat"};

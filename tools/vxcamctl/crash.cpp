@@ -24,6 +24,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <map>
 #include <set>
 #include <string>
 #include <thread>
@@ -40,6 +41,12 @@ constexpr int kDebuggerSignal = 35;
 constexpr VxCam::OfflineLoggerType kTextLog = VxCam::OfflineLog;
 constexpr char kLastLine[] = "vxcrash last line before the fault\n";
 
+#if defined(__x86_64__) || defined(__i386__)
+constexpr bool kDivisionTraps = true;
+#else
+constexpr bool kDivisionTraps = false;  // Arm gives a quotient of 0 and goes on
+#endif
+
 struct Fault {
     const char* name;
     int signal;
@@ -50,12 +57,60 @@ const Fault kFaults[] = {
         {"SEGV", SIGSEGV, "a store to a page mapped without access"},
         {"ABRT", SIGABRT, "abort()"},
         {"BUS", SIGBUS, "a read past the end of a mapped empty file"},
-        {"FPE", SIGFPE, "an integer division by zero"},
+        {"FPE", SIGFPE,
+         kDivisionTraps ? "an integer division by zero"
+                        : "an integer division by zero, which this processor does not trap, then "
+                          "the signal sent with tgkill"},
         {"ILL", SIGILL, "an undefined instruction"},
         {"TRAP", SIGTRAP, "a breakpoint instruction"},
         {"SYS", SIGSYS, "a system call refused by a seccomp filter"},
         {"35", kDebuggerSignal, "the platform's request for a stack dump"},
 };
+
+// glibc's <signal.h> leaves out SIGSYS's only code.
+constexpr int kSysSeccomp = 1;
+
+// si_code values by name, so that a summary tells a processor's fault from a signal some thread
+// sent (codes of 0 and below: raise, abort, tgkill, sigqueue).
+struct SignalCode {
+    int signal;  // 0: any signal
+    int code;
+    const char* name;
+};
+
+#define VXCAM_CODE(sig, code) \
+    { sig, code, #code }
+const SignalCode kSignalCodes[] = {
+        VXCAM_CODE(0, SI_USER),
+        VXCAM_CODE(0, SI_QUEUE),
+        VXCAM_CODE(0, SI_TKILL),
+        VXCAM_CODE(0, SI_KERNEL),
+        VXCAM_CODE(SIGSEGV, SEGV_MAPERR),
+        VXCAM_CODE(SIGSEGV, SEGV_ACCERR),
+        VXCAM_CODE(SIGBUS, BUS_ADRALN),
+        VXCAM_CODE(SIGBUS, BUS_ADRERR),
+        VXCAM_CODE(SIGBUS, BUS_OBJERR),
+        VXCAM_CODE(SIGFPE, FPE_INTDIV),
+        VXCAM_CODE(SIGFPE, FPE_INTOVF),
+        VXCAM_CODE(SIGFPE, FPE_FLTDIV),
+        VXCAM_CODE(SIGILL, ILL_ILLOPC),
+        VXCAM_CODE(SIGILL, ILL_ILLOPN),
+        VXCAM_CODE(SIGILL, ILL_ILLADR),
+        VXCAM_CODE(SIGILL, ILL_ILLTRP),
+        VXCAM_CODE(SIGTRAP, TRAP_BRKPT),
+        VXCAM_CODE(SIGTRAP, TRAP_TRACE),
+        {SIGSYS, kSysSeccomp, "SYS_SECCOMP"},
+};
+#undef VXCAM_CODE
+
+std::string SignalCodeText(int sig, int code) {
+    for (const SignalCode& known : kSignalCodes) {
+        if ((known.signal == 0 || known.signal == sig) && known.code == code) {
+            return Format("%d (%s)", code, known.name);
+        }
+    }
+    return std::to_string(code);
+}
 
 struct Options {
     const Fault* fault = &kFaults[0];
@@ -73,6 +128,13 @@ void PrintCrashUsage(FILE* out) {
             "crash dump with the faulting thread's frames, the flushed session logs and whether\n"
             "the last line before the fault reached them, and the crash backup folder.\n"
             "Exit status 1 when something expected is missing.\n"
+            "\n"
+            "The summary gives the signal's code (si_code) from the crash header the catcher\n"
+            "logged: a code of 0 or below means the signal was sent, not taken as a fault (as\n"
+            "abort() and signal 35 are; aarch64 does not trap an integer division by zero, so\n"
+            "FPE is sent there). A fault before the session's first flush makes the library\n"
+            "write the dump to \"_Session1_Crash_Dump.log\" in the process's working directory,\n"
+            "which is the camera folder here; a second such crash appends to that file.\n"
             "\n"
             "  --signal NAME  SEGV (default), ABRT, BUS, FPE, ILL, TRAP, SYS or 35; a SIG prefix\n"
             "                 and the number are accepted too\n"
@@ -102,15 +164,11 @@ std::set<std::string> Entries(const std::string& folder) {
     return names;
 }
 
+// An unreadable file is said on stderr, and read as empty: what it should hold is then missing.
 std::string ReadText(const std::string& path) {
-    std::string text;
-    if (FILE* file = fopen(path.c_str(), "rb")) {
-        char buffer[65536];
-        size_t got;
-        while ((got = fread(buffer, 1, sizeof(buffer), file)) > 0) text.append(buffer, got);
-        fclose(file);
-    }
-    return text;
+    std::vector<uint8_t> data;
+    ReadWholeFile("crash", path.c_str(), &data);
+    return std::string(data.begin(), data.end());
 }
 
 std::vector<std::string> SplitLines(const std::string& text) {
@@ -149,14 +207,15 @@ bool RefuseGetppid() {
            prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
 }
 
-// Each case is the fault itself where this architecture has one; raise() stands in otherwise.
-// The undefined-behaviour checker would stop the division before the processor does.
-__attribute__((no_sanitize("undefined"))) void TakeFault(int sig) {
+// Each case is the fault itself where this processor has one. Returns only when no fault was
+// taken, with the reason, and the caller then sends the signal instead. The undefined-behaviour
+// checker would stop the division before the processor does.
+__attribute__((no_sanitize("undefined"))) const char* TakeFault(int sig) {
     switch (sig) {
         case SIGSEGV: {
             void* page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
             if (page != MAP_FAILED) *static_cast<volatile int*>(page) = 1;
-            break;
+            return "the store to a page without access did not fault";
         }
         case SIGABRT:
             abort();
@@ -164,15 +223,18 @@ __attribute__((no_sanitize("undefined"))) void TakeFault(int sig) {
             const int fd = memfd_create("vxcrash", 0);
             void* page = fd >= 0 ? mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0) : MAP_FAILED;
             if (page != MAP_FAILED) (void)*static_cast<volatile const int*>(page);
-            break;
+            return "the read past the end of a mapped empty file did not fault";
         }
         case SIGFPE: {
-#if defined(__x86_64__) || defined(__i386__)
-            volatile int zero = 0;
-            volatile int quotient = 1 / zero;
-            (void)quotient;
-#endif
-            break;  // Arm divides by zero without a trap
+            // The empty asm statements hide both operands and keep the quotient, so the compiler
+            // can neither fold 1 / 0 nor turn it into a comparison, nor drop it as unused.
+            int dividend = 1;
+            int divisor = 0;
+            asm volatile("" : "+r"(dividend), "+r"(divisor));
+            int quotient = dividend / divisor;
+            asm volatile("" : : "r"(quotient));
+            return kDivisionTraps ? "the integer division by zero did not trap"
+                                  : "this processor does not trap an integer division by zero";
         }
         case SIGILL:
 #if defined(__x86_64__) || defined(__i386__)
@@ -180,21 +242,21 @@ __attribute__((no_sanitize("undefined"))) void TakeFault(int sig) {
 #elif defined(__aarch64__)
             asm volatile(".inst 0x00000000");
 #endif
-            break;
+            return "the undefined instruction did not trap";
         case SIGTRAP:
 #if defined(__x86_64__) || defined(__i386__)
             asm volatile("int3");
 #elif defined(__aarch64__)
             asm volatile("brk #0");
 #endif
-            break;
+            return "the breakpoint instruction did not trap";
         case SIGSYS:
-            if (RefuseGetppid()) syscall(SYS_getppid);
-            break;
+            if (!RefuseGetppid()) return "the seccomp filter could not be installed";
+            syscall(SYS_getppid);
+            return "the seccomp filter let the system call through";
         default:
-            break;
+            return nullptr;  // signal 35 is sent: that is how the platform asks for a stack dump
     }
-    syscall(SYS_tgkill, getpid(), gettid(), sig);
 }
 
 std::string LineText(unsigned thread, unsigned line) {
@@ -236,7 +298,11 @@ std::string LineText(unsigned thread, unsigned line) {
         table.addLog(kTextLog, kLastLine);
         const pid_t tid = gettid();
         if (write(tidPipe, &tid, sizeof(tid)) != static_cast<ssize_t>(sizeof(tid))) _exit(3);
-        TakeFault(options.fault->signal);
+        // Why no fault was taken goes to the parent, which says so beside the signal's code.
+        if (const char* reason = TakeFault(options.fault->signal)) {
+            if (write(tidPipe, reason, strlen(reason)) < 0) _exit(3);
+        }
+        syscall(SYS_tgkill, getpid(), gettid(), options.fault->signal);
     });
     faulting.join();
     // Only signal 35 comes back here.
@@ -264,27 +330,58 @@ std::string SignalName(int sig) {
     return "signal " + std::to_string(sig);
 }
 
-void ShowDump(const std::string& path, Findings* findings) {
-    const std::vector<std::string> lines = SplitLines(ReadText(path));
+// The part of a crash dump this child wrote: a dump under a relative name may hold an earlier
+// crash's lines before it.
+void ShowDump(const std::string& path, size_t offset, Findings* findings) {
+    const std::string text = ReadText(path);
+    const std::vector<std::string> lines =
+            SplitLines(offset < text.size() ? text.substr(offset) : "");
     size_t frames = 0;
     for (const std::string& line : lines)
         frames += line.find(" F DEBUG   : #") != std::string::npos;
-    printf("crash dump: %s\n  %zu frame lines\n", path.c_str(), frames);
+    if (offset > 0) {
+        printf("  appended to the dump of an earlier crash (%zu bytes before): only the new lines "
+               "are shown\n",
+               offset);
+    }
+    printf("  %zu frame lines\n", frames);
     for (size_t i = 0; i < lines.size() && i < 12; ++i) printf("  %s\n", lines[i].c_str());
     if (lines.size() > 12) printf("  ... %zu more\n", lines.size() - 12);
     findings->Expect(frames > 0, "frames of the faulting thread in the crash dump");
 }
 
-// Counts the tool's lines in a folder's text logs; notes the file holding the last line.
+// The crash dumps in `folder` named as the library names one when the session has no prefix yet,
+// "_Session<n>_Crash_Dump.log", with their sizes.
+std::map<std::string, size_t> RelativeDumps(const std::string& folder) {
+    static const char kSuffix[] = "_Crash_Dump.log";
+    std::map<std::string, size_t> dumps;
+    for (const std::string& name : Entries(folder)) {
+        if (name.rfind("_Session", 0) != 0 || name.size() < sizeof(kSuffix) ||
+            name.compare(name.size() - (sizeof(kSuffix) - 1), std::string::npos, kSuffix) != 0) {
+            continue;
+        }
+        struct stat info = {};
+        if (stat((folder + "/" + name).c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
+            dumps[name] = static_cast<size_t>(info.st_size);
+        }
+    }
+    return dumps;
+}
+
+// Counts the tool's lines in a folder's text logs; notes the file holding the last line and the
+// signal and code of the catcher's crash header.
 struct FolderLogs {
     size_t files = 0;
     size_t bytes = 0;
     size_t lines = 0;
     std::string lastLineFile;
     bool header = false;
+    int headerSignal = 0;
+    int headerCode = 0;
 };
 
 FolderLogs ReadFolder(const std::string& folder, pid_t faultingTid) {
+    static const char kHeader[] = " F DEBUG   : signal ";
     FolderLogs logs;
     const std::string tidPart = "__Tid" + std::to_string(faultingTid) + "_";
     for (const std::string& name : Entries(folder)) {
@@ -297,57 +394,100 @@ FolderLogs ReadFolder(const std::string& folder, pid_t faultingTid) {
             if (line + "\n" == kLastLine && name.find(tidPart) != std::string::npos) {
                 logs.lastLineFile = name;
             }
-            logs.header = logs.header || line.find(" F DEBUG   : signal ") != std::string::npos;
+            const size_t header = line.find(kHeader);
+            if (!logs.header && header != std::string::npos) {
+                logs.header = sscanf(line.c_str() + header + sizeof(kHeader) - 1, "%d, code %d",
+                                     &logs.headerSignal, &logs.headerCode) == 2;
+            }
         }
     }
     return logs;
 }
 
+// How the signal came: its code as the catcher saw it, and whether a fault raised it.
+void ShowSignalCode(const Options& options, const FolderLogs& logs, const std::string& noFault) {
+    const int sig = options.fault->signal;
+    if (!logs.header) {
+        printf("signal code: unknown, no crash header in the session's log%s\n",
+               sig == kDebuggerSignal ? " (signal 35 flushes nothing)" : "");
+    } else {
+        printf("signal code: %s, from the crash header\n",
+               SignalCodeText(logs.headerSignal, logs.headerCode).c_str());
+    }
+    if (!noFault.empty()) {
+        printf("  no fault was taken: %s; the child sent the signal with tgkill instead\n",
+               noFault.c_str());
+    } else if (logs.header && logs.headerCode <= 0 && sig != SIGABRT && sig != kDebuggerSignal) {
+        printf("  a code of 0 or below: the signal was sent, not raised by a fault\n");
+    }
+}
+
 }  // namespace
 
 int RunCrash(int argc, char** argv) {
+    enum { kSignal = 256, kThreads, kLines, kSysroot };
+    static const option kOptions[] = {
+            {"signal", required_argument, nullptr, kSignal},
+            {"threads", required_argument, nullptr, kThreads},
+            {"lines", required_argument, nullptr, kLines},
+            {"sysroot", required_argument, nullptr, kSysroot},  // applied before main
+            {"help", no_argument, nullptr, 'h'},
+            {nullptr, 0, nullptr, 0},
+    };
     Options options;
-    for (int i = 1; i < argc; ++i) {
-        const char* argument = argv[i];
-        const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
-        unsigned long number = 0;
-        if (strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0) {
-            PrintCrashUsage(stdout);
-            return kExitOk;
-        } else if (strcmp(argument, "--signal") == 0 && value != nullptr) {
-            options.fault = FindFault(value);
-            if (options.fault == nullptr) {
-                fprintf(stderr, "vxcamctl crash: unknown signal '%s'\n\n", value);
-                PrintCrashUsage(stderr);
-                return kExitUsage;
-            }
-            ++i;
-        } else if (strcmp(argument, "--threads") == 0 && value != nullptr) {
-            char* end = nullptr;
-            number = strtoul(value, &end, 10);
-            if (*value == '\0' || *end != '\0' || number < 1 || number > 64) {
-                fprintf(stderr, "vxcamctl crash: --threads takes 1 to 64\n");
-                return kExitUsage;
-            }
-            options.threads = static_cast<unsigned>(number);
-            ++i;
-        } else if (strcmp(argument, "--lines") == 0 && value != nullptr) {
-            char* end = nullptr;
-            number = strtoul(value, &end, 10);
-            if (*value == '\0' || *end != '\0' || number > 10000000) {
-                fprintf(stderr, "vxcamctl crash: --lines takes 0 to 10000000\n");
-                return kExitUsage;
-            }
-            options.lines = static_cast<unsigned>(number);
-            ++i;
-        } else if (strcmp(argument, "--sysroot") == 0 && value != nullptr) {
-            ++i;  // applied before main
-        } else if (strncmp(argument, "--sysroot=", 10) == 0) {
-        } else {
-            fprintf(stderr, "vxcamctl crash: unknown argument '%s'\n\n", argument);
-            PrintCrashUsage(stderr);
-            return kExitUsage;
-        }
+    bool help = false;
+    std::vector<const char*> operands;
+    // A mistake in the fault to take is shown with the usage, which lists the signals.
+    const auto wrong = [](const std::string& message) {
+        UsageError("crash", "%s\n", message.c_str());
+        PrintCrashUsage(stderr);
+        return false;
+    };
+    const bool parsed = ParseOptions(
+            "crash", argc, argv, "h", kOptions,
+            [&](int id, const char* value) {
+                unsigned long number = 0;
+                char* end = nullptr;
+                switch (id) {
+                    case 'h':
+                        help = true;
+                        break;
+                    case kSignal:
+                        options.fault = FindFault(value);
+                        if (options.fault == nullptr) {
+                            return wrong(Format("unknown signal '%s'", value));
+                        }
+                        break;
+                    case kThreads:
+                        number = strtoul(value, &end, 10);
+                        if (*value == '\0' || *end != '\0' || number < 1 || number > 64) {
+                            UsageError("crash", "--threads takes 1 to 64, not '%s'", value);
+                            return false;
+                        }
+                        options.threads = static_cast<unsigned>(number);
+                        break;
+                    case kLines:
+                        number = strtoul(value, &end, 10);
+                        if (*value == '\0' || *value == '-' || *end != '\0' || number > 10000000) {
+                            UsageError("crash", "--lines takes 0 to 10000000, not '%s'", value);
+                            return false;
+                        }
+                        options.lines = static_cast<unsigned>(number);
+                        break;
+                    case kSysroot:
+                        return CheckSysroot("crash", value);
+                }
+                return true;
+            },
+            &operands);
+    if (!parsed) return kExitUsage;
+    if (help) {
+        PrintCrashUsage(stdout);
+        return kExitOk;
+    }
+    if (!operands.empty()) {
+        wrong(Format("unexpected argument '%s'", operands[0]));
+        return kExitUsage;
     }
 
     const std::string camera = CameraRoot();
@@ -357,6 +497,7 @@ int RunCrash(int argc, char** argv) {
         return kExitUsage;
     }
     const std::set<std::string> before = Entries(camera);
+    const std::map<std::string, size_t> relativeDumpsBefore = RelativeDumps(camera);
     const bool debugger = options.fault->signal == kDebuggerSignal;
 
     int tidPipe[2];
@@ -380,9 +521,23 @@ int RunCrash(int argc, char** argv) {
     close(tidPipe[1]);
     pid_t faultingTid = 0;
     if (read(tidPipe[0], &faultingTid, sizeof(faultingTid)) != sizeof(faultingTid)) faultingTid = 0;
+    std::string noFault;  // why the child took no fault, if it says so
+    char reason[256];
+    ssize_t got;
+    while ((got = read(tidPipe[0], reason, sizeof(reason))) > 0) {
+        noFault.append(reason, static_cast<size_t>(got));
+    }
     close(tidPipe[0]);
     int status = 0;
     waitpid(child, &status, 0);
+
+    std::string session, backup;
+    for (const std::string& name : Entries(camera)) {
+        if (before.count(name) != 0) continue;
+        if (name.rfind("VxCam_OfflineLog_", 0) == 0) session = camera + "/" + name;
+        if (name.rfind("OfflineLog_CrashLog_", 0) == 0) backup = camera + "/" + name;
+    }
+    const FolderLogs logs = session.empty() ? FolderLogs() : ReadFolder(session, faultingTid);
 
     Findings findings;
     printf("child %d, %u threads x %u lines, fault: %s (%s) on tid %d\n", child, options.threads,
@@ -398,6 +553,7 @@ int RunCrash(int argc, char** argv) {
                         debugger ? "the tombstone flag after signal 35"
                                  : "the child's death by its own signal");
     }
+    ShowSignalCode(options, logs, noFault);
     // The Android log of the child: what the crash reporter and the catcher said.
     rewind(childLog);
     char line[2048];
@@ -409,34 +565,37 @@ int RunCrash(int argc, char** argv) {
     }
     fclose(childLog);
 
-    std::string session, backup;
-    for (const std::string& name : Entries(camera)) {
-        if (before.count(name) != 0) continue;
-        if (name.rfind("VxCam_OfflineLog_", 0) == 0) session = camera + "/" + name;
-        if (name.rfind("OfflineLog_CrashLog_", 0) == 0) backup = camera + "/" + name;
-    }
     std::string dump;
-    for (const std::string& name : Entries(session.empty() ? camera : session)) {
-        if (name.find("_Crash_Dump.log") != std::string::npos) {
-            dump = (session.empty() ? camera : session) + "/" + name;
-        }
-    }
-    if (dump.empty() && before.count("_Session1_Crash_Dump.log") == 0) {
-        const std::string relative = camera + "/_Session1_Crash_Dump.log";
-        if (stat(relative.c_str(), &info) == 0) dump = relative;
+    for (const std::string& name : session.empty() ? std::set<std::string>() : Entries(session)) {
+        if (name.find("_Crash_Dump.log") != std::string::npos) dump = session + "/" + name;
     }
     if (!dump.empty()) {
-        ShowDump(dump, &findings);
-    } else {
-        findings.Expect(false, "the crash dump file");
+        printf("crash dump: %s\n", dump.c_str());
+        ShowDump(dump, 0, &findings);
     }
+    // Before the session's first flush the library has no prefix for the dump's name, and the
+    // relative name lands in the working directory; each such crash appends to the same file.
+    for (const auto& [name, size] : RelativeDumps(camera)) {
+        const auto old = relativeDumpsBefore.find(name);
+        const size_t offset = old != relativeDumpsBefore.end() ? old->second : 0;
+        if (!dump.empty() || (old != relativeDumpsBefore.end() && size <= offset)) continue;
+        dump = camera + "/" + name;
+        printf("crash dump: %s\n"
+               "  outside the session folder, in the process's working directory (where this\n"
+               "  child was started; on a device, the camera provider's): the fault came before\n"
+               "  the session's first flush named its folder, so the library wrote to the "
+               "relative\n"
+               "  name \"%s\"\n",
+               dump.c_str(), name.c_str());
+        ShowDump(dump, offset, &findings);
+    }
+    if (dump.empty()) findings.Expect(false, "the crash dump file");
 
     const size_t logged = static_cast<size_t>(options.threads) * options.lines;
     if (session.empty()) {
         printf("session folder: none\n");
         findings.Expect(false, "the session folder");
     } else {
-        const FolderLogs logs = ReadFolder(session, faultingTid);
         printf("session folder: %s\n  %zu text files, %zu bytes, %zu of %zu lines\n",
                session.c_str(), logs.files, logs.bytes, logs.lines, logged);
         if (debugger) {

@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <system/graphics.h>
 
 #include <string>
 #include <vector>
@@ -26,19 +27,112 @@ using VxCam::SliceRule;
 using VxCam::StrideRule;
 using VxCam::VxImageUtils;
 
-// The enumerators as the HAL's sources spell them, by value.
+// Per format value: the enumerator as the HAL's sources spell it, and the bits a pixel takes in a
+// row of its first plane, which turn a stride the library gives in pixels into bytes (packed MIPI
+// RAW10 and RAW12 take 10 and 12). The bits are 0 where the library's stride is in bytes already
+// (RawPlain16, the TP10 formats, PD10, P010) or the layout is not the library's to know (blobs,
+// opaque raw, formats without a name).
+struct FormatNote {
+    const char* enumerator;
+    uint32_t pixelBits;
+};
+
 // clang-format off
-constexpr const char* kEnumerators[] = {
-    "Jpeg", "Y8", "Y16", "YUV420NV12", "YUV420NV21", "YUV422NV16", "Blob", "Format7",
-    "RawOpaque", "RawMIPI10", "RawPlain16", "Format11", "Format12", "Format13", "Format14",
-    "YUV420NV12TP10", "YUV420NV21TP10", "YUV422NV16TP10", "PD10", "Format19", "Format20",
-    "Format21", "P010", "Format23", "Format24", "Format25", "Raw12", "Raw16", "Format28",
-    "Format29", "Format30", "Format31", "Format32", "Dmap", "Format34", "YV12", "YUV420SP",
-    "Jpgr", "DepthJpeg", "Max",
+constexpr FormatNote kFormatNotes[] = {
+    // enumerator       bits
+    {"Jpeg",             0}, {"Y8",               8}, {"Y16",             16}, {"YUV420NV12",       8},
+    {"YUV420NV21",       8}, {"YUV422NV16",       8}, {"Blob",             0}, {"Format7",          0},
+    {"RawOpaque",        0}, {"RawMIPI10",       10}, {"RawPlain16",       0}, {"Format11",         0},
+    {"Format12",         0}, {"Format13",         0}, {"Format14",         0}, {"YUV420NV12TP10",   0},
+    {"YUV420NV21TP10",   0}, {"YUV422NV16TP10",   0}, {"PD10",             0}, {"Format19",         0},
+    {"Format20",         0}, {"Format21",         0}, {"P010",             0}, {"Format23",         0},
+    {"Format24",         0}, {"Format25",         0}, {"Raw12",           12}, {"Raw16",           16},
+    {"Format28",         0}, {"Format29",         0}, {"Format30",         0}, {"Format31",         0},
+    {"Format32",         0}, {"Dmap",             8}, {"Format34",         0}, {"YV12",             8},
+    {"YUV420SP",         8}, {"Jpgr",             0}, {"DepthJpeg",        0}, {"Max",              0},
 };
 // clang-format on
-static_assert(sizeof(kEnumerators) / sizeof(kEnumerators[0]) == VxCam::kImageFormatRowCount,
-              "one enumerator per catalogue row");
+static_assert(sizeof(kFormatNotes) / sizeof(kFormatNotes[0]) == VxCam::kImageFormatRowCount,
+              "one note per catalogue row");
+
+// Android's HAL pixel formats: the names its headers give them after HAL_PIXEL_FORMAT_, and the
+// values from those headers (system/graphics-base-v1.*.h and graphics-sw.h of AOSP's platform
+// headers), so that a name means here what it means to the HAL.
+struct HalFormat {
+    uint32_t value;
+    const char* name;
+};
+
+#define VXCAM_HAL_FORMAT(name) \
+    { static_cast<uint32_t>(HAL_PIXEL_FORMAT_##name), #name }
+constexpr HalFormat kHalFormats[] = {
+        VXCAM_HAL_FORMAT(RGBA_8888),     VXCAM_HAL_FORMAT(RGBX_8888),
+        VXCAM_HAL_FORMAT(RGB_888),       VXCAM_HAL_FORMAT(RGB_565),
+        VXCAM_HAL_FORMAT(BGRA_8888),     VXCAM_HAL_FORMAT(YCBCR_422_SP),
+        VXCAM_HAL_FORMAT(YCRCB_420_SP),  VXCAM_HAL_FORMAT(YCBCR_422_I),
+        VXCAM_HAL_FORMAT(RGBA_FP16),     VXCAM_HAL_FORMAT(RAW16),
+        VXCAM_HAL_FORMAT(BLOB),          VXCAM_HAL_FORMAT(IMPLEMENTATION_DEFINED),
+        VXCAM_HAL_FORMAT(YCBCR_420_888), VXCAM_HAL_FORMAT(RAW_OPAQUE),
+        VXCAM_HAL_FORMAT(RAW10),         VXCAM_HAL_FORMAT(RAW12),
+        VXCAM_HAL_FORMAT(YCBCR_422_888), VXCAM_HAL_FORMAT(YCBCR_444_888),
+        VXCAM_HAL_FORMAT(FLEX_RGB_888),  VXCAM_HAL_FORMAT(FLEX_RGBA_8888),
+        VXCAM_HAL_FORMAT(RGBA_1010102),  VXCAM_HAL_FORMAT(DEPTH_16),
+        VXCAM_HAL_FORMAT(DEPTH_24),      VXCAM_HAL_FORMAT(DEPTH_24_STENCIL_8),
+        VXCAM_HAL_FORMAT(DEPTH_32F),     VXCAM_HAL_FORMAT(DEPTH_32F_STENCIL_8),
+        VXCAM_HAL_FORMAT(STENCIL_8),     VXCAM_HAL_FORMAT(YCBCR_P010),
+        VXCAM_HAL_FORMAT(HSV_888),       VXCAM_HAL_FORMAT(Y8),
+        VXCAM_HAL_FORMAT(Y16),           VXCAM_HAL_FORMAT(YV12),
+};
+#undef VXCAM_HAL_FORMAT
+
+constexpr bool SameText(const char* a, const char* b) {
+    while (*a != '\0' && *a == *b) ++a, ++b;
+    return *a == *b;
+}
+
+// The catalogue's HAL formats are Android's, by value and by name.
+constexpr bool CatalogueAgreesWithAndroid() {
+    for (const VxCam::ImageFormatRow& row : VxCam::kImageFormatCatalogue) {
+        if (row.halFormat == VxCam::kNoHalFormat) continue;
+        bool found = false;
+        for (const HalFormat& hal : kHalFormats) {
+            found = found || (hal.value == row.halFormat && SameText(hal.name, row.halName));
+        }
+        if (!found) return false;
+    }
+    return true;
+}
+static_assert(CatalogueAgreesWithAndroid(), "the catalogue's HAL formats are Android's");
+
+const HalFormat* FindHalFormat(uint32_t value) {
+    for (const HalFormat& hal : kHalFormats) {
+        if (hal.value == value) return &hal;
+    }
+    return nullptr;
+}
+
+// A name as the headers write it, with or without HAL_PIXEL_FORMAT_, in any case.
+const HalFormat* FindHalFormat(const char* text) {
+    static const char kPrefix[] = "HAL_PIXEL_FORMAT_";
+    if (strncasecmp(text, kPrefix, sizeof(kPrefix) - 1) == 0) text += sizeof(kPrefix) - 1;
+    for (const HalFormat& hal : kHalFormats) {
+        if (strcasecmp(text, hal.name) == 0) return &hal;
+    }
+    return nullptr;
+}
+
+// The library formats that report HAL format `hal`, in value order. A HAL given a stream of that
+// format takes the first: catalogue order puts the general layout first, so that BLOB is Jpeg (a
+// stream's data space, not its format, makes it Jpgr or DepthJpeg), YCBCR_420_888 is YUV420NV12,
+// RAW16 is RawPlain16 (Raw16 has no layer count and no size) and Y8 is Y8 (Dmap is the depth
+// map's own).
+std::vector<uint32_t> LibraryFormatsOf(uint32_t hal) {
+    std::vector<uint32_t> formats;
+    for (uint32_t value = 0; value < VxCam::Max; ++value) {
+        if (VxCam::kImageFormatCatalogue[value].halFormat == hal) formats.push_back(value);
+    }
+    return formats;
+}
 
 struct Size {
     uint32_t width;
@@ -47,6 +141,7 @@ struct Size {
 
 struct Options {
     bool all = false;
+    const char* hal = nullptr;  // --hal
     bool hasSize = false;
     Size size{0, 0};
     bool hasAlignment = false;
@@ -78,41 +173,108 @@ bool EndsWithIgnoringCase(const char* text, const char* suffix) {
     return suffixLength <= length && strcasecmp(text + length - suffixLength, suffix) == 0;
 }
 
-// A number, an enumerator, a name string, or the unique end of an enumerator ("NV12").
-bool FindFormat(const char* text, uint32_t* value) {
-    if (ParseNumber(text, value)) return true;
+// What was asked for, and the library format that answers it.
+struct Request {
+    uint32_t value = 0;              // the library's format
+    const HalFormat* hal = nullptr;  // asked for by Android HAL format
+    bool number = false;             // a bare number, read as the library's own value
+};
+
+// A number, read as the library's value; an Android HAL format name, which wins where the library
+// has an enumerator spelt alike (BLOB, RAW16), as a HAL engineer means it; an enumerator; a name
+// string; or the unique end of an enumerator ("NV12").
+bool FindFormat(const char* text, Request* request) {
+    if (ParseNumber(text, &request->value)) {
+        request->number = true;
+        return true;
+    }
+    request->hal = FindHalFormat(text);
+    if (request->hal != nullptr) return true;
     for (uint32_t i = 0; i < VxCam::Max; ++i) {
         const char* name = VxCam::kImageFormatCatalogue[i].name;
-        if (strcasecmp(text, kEnumerators[i]) == 0 ||
+        if (strcasecmp(text, kFormatNotes[i].enumerator) == 0 ||
             (name != nullptr && strcasecmp(text, name) == 0)) {
-            *value = i;
+            request->value = i;
             return true;
         }
     }
     std::vector<uint32_t> matches;
     for (uint32_t i = 0; i < VxCam::Max; ++i) {
-        if (EndsWithIgnoringCase(kEnumerators[i], text)) matches.push_back(i);
+        if (EndsWithIgnoringCase(kFormatNotes[i].enumerator, text)) matches.push_back(i);
     }
     if (matches.size() == 1) {
-        *value = matches[0];
+        request->value = matches[0];
         return true;
     }
     fprintf(stderr, "vxcamctl format: '%s' is %s image format", text,
             matches.empty() ? "no" : "more than one");
     for (size_t i = 0; i < matches.size(); ++i) {
-        fprintf(stderr, "%s%s", i == 0 ? ": " : ", ", kEnumerators[matches[i]]);
+        fprintf(stderr, "%s%s", i == 0 ? ": " : ", ", kFormatNotes[matches[i]].enumerator);
+    }
+    if (matches.empty()) {
+        fprintf(stderr,
+                ", neither of the library's nor of Android's HAL pixel formats (--all lists "
+                "both)");
     }
     fprintf(stderr, "\n");
     return false;
 }
 
+std::string LibraryFormatText(uint32_t value) {
+    return Format("%s (%u)", kFormatNotes[value].enumerator, value);
+}
+
+// Where the format came from, when that is not plain from the report: a number read as the
+// library's value, or an Android HAL format and the library format a HAL takes for it. Returns
+// false when no library format reports that HAL format.
+bool PrintRequest(const Request& request, const char* text) {
+    if (request.number) {
+        const HalFormat* hal = FindHalFormat(request.value);
+        if (hal != nullptr) {
+            printf("%-14s %s, read as the library's own format value; for Android's "
+                   "HAL_PIXEL_FORMAT_%s (0x%x) write --hal %s\n",
+                   "asked for", text, hal->name, hal->value, text);
+        } else {
+            printf("%-14s %s, read as the library's own format value (no Android HAL pixel format "
+                   "has it)\n",
+                   "asked for", text);
+        }
+        return true;
+    }
+    if (request.hal == nullptr) return true;
+    const HalFormat& hal = *request.hal;
+    const std::vector<uint32_t> formats = LibraryFormatsOf(hal.value);
+    if (formats.empty()) {
+        printf("%-14s HAL_PIXEL_FORMAT_%s (0x%x): no library format reports this HAL format\n",
+               "asked for", hal.name, hal.value);
+        return false;
+    }
+    printf("%-14s HAL_PIXEL_FORMAT_%s (0x%x): a HAL takes the library's %s for it\n", "asked for",
+           hal.name, hal.value, LibraryFormatText(formats[0]).c_str());
+    if (formats.size() > 1) {
+        std::string others;
+        for (size_t i = 1; i < formats.size(); ++i) {
+            others += (i == 1 ? "" : ", ") + LibraryFormatText(formats[i]);
+        }
+        printf("%-14s %s report%s this HAL format too\n", "", others.c_str(),
+               formats.size() == 2 ? "s" : "");
+    }
+    for (uint32_t value = 0; value < VxCam::Max; ++value) {
+        if (value != formats[0] && strcasecmp(kFormatNotes[value].enumerator, hal.name) == 0) {
+            printf("%-14s for the library's own enumerator %s: vxcamctl format %u\n", "",
+                   kFormatNotes[value].enumerator, value);
+        }
+    }
+    return true;
+}
+
 const char* EnumeratorOf(uint32_t value) {
-    return value <= VxCam::Max ? kEnumerators[value] : "(not a format)";
+    return value <= VxCam::Max ? kFormatNotes[value].enumerator : "(not a format)";
 }
 
 // How sentences name the format: its enumerator, or its number past the last one.
 std::string Subject(uint32_t value) {
-    return value < VxCam::Max ? kEnumerators[value] : std::to_string(value);
+    return value < VxCam::Max ? kFormatNotes[value].enumerator : std::to_string(value);
 }
 
 std::string HalText(const ImageFormatRow& row) {
@@ -130,6 +292,22 @@ std::string AlignedText(const char* what, uint32_t dimension, uint32_t alignment
                               NormalisedAlignment(alignment));
     if (NormalisedAlignment(alignment) != alignment) text += Format(" (alignment %u)", alignment);
     return text;
+}
+
+// The rules that count bytes; the others count pixels.
+bool StrideInBytes(StrideRule rule) {
+    return rule == StrideRule::W2 || rule == StrideRule::P || rule == StrideRule::TP ||
+           rule == StrideRule::PD;
+}
+
+// The stride with its unit and, for a stride in pixels of a format whose pixel size is known, the
+// bytes of a row: ceil(stride x bits / 8).
+std::string StrideText(uint32_t value, StrideRule rule, uint32_t stride) {
+    if (StrideInBytes(rule)) return Format("%u bytes", stride);
+    const uint32_t bits = kFormatNotes[value < VxCam::Max ? value : VxCam::Max].pixelBits;
+    if (bits == 0) return Format("%u pixels", stride);
+    return Format("%u pixels, %llu bytes at %u bits a pixel", stride,
+                  (static_cast<unsigned long long>(stride) * bits + 7) / 8, bits);
 }
 
 std::string StrideReason(StrideRule rule, uint32_t alignment, uint32_t width) {
@@ -254,7 +432,7 @@ void PrintOne(uint32_t value, const Options& options) {
     const uint32_t sliceAlignment = SliceAlignment(options, format);
     const uint32_t stride = VxImageUtils::GetBufferStride(strideAlignment, size.width, format);
     const uint32_t sliceHeight = VxImageUtils::GetSliceHeight(sliceAlignment, size.height, format);
-    printf("%-14s %u  (%s)\n", "stride", stride,
+    printf("%-14s %s  (%s)\n", "stride", StrideText(value, row.stride, stride).c_str(),
            StrideReason(row.stride, strideAlignment, size.width).c_str());
     printf("%-14s %u  (%s)\n", "slice height", sliceHeight,
            SliceReason(row.sliceHeight, sliceAlignment, size.height).c_str());
@@ -301,7 +479,10 @@ void PrintTableRow(uint32_t value, const char* label, const Options& options) {
             sizes[1] = std::to_string(VxImageUtils::GetBufferSize(format, options.size.width,
                                                                   options.size.height, false));
         }
-        printf(" %10u %10u %12s %12s", stride, sliceHeight, sizes[0].c_str(), sizes[1].c_str());
+        const std::string strideCell =
+                std::to_string(stride) + (StrideInBytes(row.stride) ? " B" : " px");
+        printf(" %10s %10u %12s %12s", strideCell.c_str(), sliceHeight, sizes[0].c_str(),
+               sizes[1].c_str());
     }
     printf("\n");
 }
@@ -331,26 +512,48 @@ void PrintAll(const Options& options) {
     printf("\n- : the library has no answer. It returns the name \"\", HAL format 0x20 (RAW16),\n"
            "    1 layer and size 0 instead, and logs an error; ConvertFormat returns 39 (Max) for\n"
            "    a value it rejects.\n");
+    if (options.hasSize) {
+        printf("STRIDE: px when the library's stride counts pixels, B when it counts bytes.\n");
+    }
+
+    printf("\n# Android HAL pixel formats (system/graphics.h) and the library format a HAL "
+           "takes\n");
+    printf("%-10s %-24s %s\n", "VALUE", "HAL FORMAT", "LIBRARY FORMAT");
+    for (const HalFormat& hal : kHalFormats) {
+        const std::vector<uint32_t> formats = LibraryFormatsOf(hal.value);
+        std::string text = formats.empty() ? "-" : LibraryFormatText(formats[0]);
+        for (size_t i = 1; i < formats.size(); ++i) {
+            text += (i == 1 ? "; also reported by " : ", ") + LibraryFormatText(formats[i]);
+        }
+        printf("%-10s %-24s %s\n", Format("0x%x", hal.value).c_str(), hal.name, text.c_str());
+    }
 }
 
 void PrintFormatUsage(FILE* out) {
     fprintf(out,
             "usage: vxcamctl format FORMAT [WIDTHxHEIGHT] [--align N]\n"
+            "       vxcamctl format --hal HAL_FORMAT [WIDTHxHEIGHT] [--align N]\n"
             "       vxcamctl format --all [WIDTHxHEIGHT] [--align N]\n"
             "\n"
             "Prints what the library answers for an image format: whether ConvertFormat accepts\n"
             "it, its name string, the Android HAL pixel format, the layer (plane) count, the "
             "plane\n"
-            "and slice alignment and, for a size, the row stride, the slice height and the buffer\n"
-            "size for stride x slice height and for width x height. Where the library has no\n"
-            "answer, it says so and shows the value the library returns instead.\n"
+            "and slice alignment and, for a size, the row stride (in pixels or in bytes, as the\n"
+            "format's rule counts it), the slice height and the buffer size for stride x slice\n"
+            "height and for width x height. Where the library has no answer, it says so and\n"
+            "shows the value the library returns instead.\n"
             "\n"
-            "FORMAT is a number (0 to 38; 0x.. for hex; any other 32-bit value shows the\n"
-            "fall-backs) or a name in any case: the enumerator (YUV420NV12), the name string\n"
-            "(yv12) or the unique end of an enumerator (NV12).\n"
+            "FORMAT is a number, read as the library's own format value (0 to 38; 0x.. for hex;\n"
+            "any other 32-bit value shows the fall-backs), or a name in any case: an Android HAL\n"
+            "pixel format (YCBCR_420_888 or HAL_PIXEL_FORMAT_YCBCR_420_888), the enumerator\n"
+            "(YUV420NV12), the name string (yv12) or the unique end of an enumerator (NV12). A\n"
+            "HAL format is answered by the library format a HAL takes for it, the first that\n"
+            "reports it (BLOB: Jpeg, RAW16: RawPlain16); exit status 1 when there is none.\n"
             "\n"
             "options:\n"
-            "  --all       one line per format value, and one for the values past the last\n"
+            "  --hal F     the Android HAL pixel format F, a number (0x23) or a name\n"
+            "  --all       one line per format value and one for the values past the last, then\n"
+            "              Android's HAL pixel formats with the library format a HAL takes\n"
             "  --align N   alignment for stride and slice height (default: the format's own plane\n"
             "              and slice alignment); 0 counts as 2, an odd value as the next even one\n"
             "  --help      show this text\n");
@@ -359,54 +562,82 @@ void PrintFormatUsage(FILE* out) {
 }  // namespace
 
 int RunFormat(int argc, char** argv) {
+    enum { kAll = 256, kAlign, kHal };
+    static const option kOptions[] = {
+            {"all", no_argument, nullptr, kAll},
+            {"align", required_argument, nullptr, kAlign},
+            {"hal", required_argument, nullptr, kHal},
+            {"help", no_argument, nullptr, 'h'},
+            {nullptr, 0, nullptr, 0},
+    };
     Options options;
+    bool help = false;
     std::vector<const char*> positional;
-    for (int i = 1; i < argc; ++i) {
-        const char* argument = argv[i];
-        if (strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0) {
-            PrintFormatUsage(stdout);
-            return kExitOk;
-        }
-        if (strcmp(argument, "--all") == 0) {
-            options.all = true;
-        } else if (strcmp(argument, "--align") == 0 || strncmp(argument, "--align=", 8) == 0) {
-            const char* value = argument[7] == '=' ? argument + 8 : (i + 1 < argc ? argv[++i] : "");
-            if (!ParseNumber(value, &options.alignment)) {
-                fprintf(stderr, "vxcamctl format: --align needs a 32-bit number, not '%s'\n", value);
-                return kExitUsage;
-            }
-            options.hasAlignment = true;
-        } else if (argument[0] == '-' && argument[1] == '-') {
-            fprintf(stderr, "vxcamctl format: unknown option '%s'\n\n", argument);
-            PrintFormatUsage(stderr);
-            return kExitUsage;
-        } else {
-            positional.push_back(argument);
-        }
+    const bool parsed = ParseOptions(
+            "format", argc, argv, "h", kOptions,
+            [&](int id, const char* value) {
+                if (id == 'h') help = true;
+                if (id == kAll) options.all = true;
+                if (id == kHal) options.hal = value;
+                if (id != kAlign) return true;
+                options.hasAlignment = ParseNumber(value, &options.alignment);
+                if (!options.hasAlignment) {
+                    UsageError("format", "--align needs a 32-bit number, not '%s'", value);
+                }
+                return options.hasAlignment;
+            },
+            &positional);
+    if (!parsed) return kExitUsage;
+    if (help) {
+        PrintFormatUsage(stdout);
+        return kExitOk;
     }
-    const size_t formatCount = options.all ? 0 : 1;
-    if (positional.size() < formatCount || positional.size() > formatCount + 1) {
+    if (options.all && options.hal != nullptr) {
+        return UsageError("format", "--all lists every format; it takes no --hal");
+    }
+    const size_t formatCount = options.all || options.hal != nullptr ? 0 : 1;
+    if (positional.size() < formatCount) {
+        UsageError("format", "which format? Give FORMAT, --hal F or --all\n");
+        PrintFormatUsage(stderr);
+        return kExitUsage;
+    }
+    if (positional.size() > formatCount + 1) {
+        UsageError("format", "unexpected argument '%s'\n", positional[formatCount + 1]);
         PrintFormatUsage(stderr);
         return kExitUsage;
     }
     if (positional.size() > formatCount) {
         if (!ParseSize(positional[formatCount], &options.size)) {
-            fprintf(stderr, "vxcamctl format: '%s' is not a size WIDTHxHEIGHT\n",
-                    positional[formatCount]);
-            return kExitUsage;
+            return UsageError("format", "'%s' is not a size WIDTHxHEIGHT", positional[formatCount]);
         }
         options.hasSize = true;
     }
-    uint32_t value = 0;
-    if (!options.all && !FindFormat(positional[0], &value)) return kExitUsage;
+    Request request;
+    const char* asked = options.hal != nullptr ? options.hal
+                        : positional.empty()   ? ""
+                                               : positional[0];
+    if (options.hal != nullptr) {
+        uint32_t number = 0;
+        request.hal = ParseNumber(options.hal, &number) ? FindHalFormat(number)
+                                                        : FindHalFormat(options.hal);
+        if (request.hal == nullptr) {
+            return UsageError("format",
+                              "--hal '%s' is no Android HAL pixel format (--all lists them)",
+                              options.hal);
+        }
+    } else if (!options.all && !FindFormat(positional[0], &request)) {
+        return kExitUsage;
+    }
 
     // The report states each failure itself; the library's own error lines would only repeat it.
     VxCam::g_logInfo.systemLogEnable = 0;
     if (options.all) {
         PrintAll(options);
-    } else {
-        PrintOne(value, options);
+        return kExitOk;
     }
+    if (!PrintRequest(request, asked)) return kExitFindings;
+    if (request.hal != nullptr) request.value = LibraryFormatsOf(request.hal->value)[0];
+    PrintOne(request.value, options);
     return kExitOk;
 }
 

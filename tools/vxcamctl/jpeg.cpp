@@ -23,32 +23,48 @@ void PrintJpegUsage(FILE* out) {
             "Reads the blob trailer (blob id, then JPEG size, in the last 8 bytes) of FILE, a\n"
             "whole blob buffer as the HAL hands it over, the way the library reads it, and prints\n"
             "the JPEG size. When the trailer is missing or claims more bytes than the buffer\n"
-            "holds before it, says so; exit status 1 then.\n"
+            "holds before it, or the JPEG it describes does not begin with SOI (FF D8) and end\n"
+            "with EOI (FF D9), says so; exit status 1 then.\n"
             "\n"
             "options:\n"
-            "  --help   show this text\n");
+            "  -h, --help   show this text\n");
+}
+
+// A consumer of the blob finds the image by these two markers; a size that misses either hands
+// it a truncated or padded JPEG.
+unsigned CheckMarkers(const char* path, const std::vector<uint8_t>& buffer, uint32_t jpegSize) {
+    unsigned problems = 0;
+    if (jpegSize < 4) {
+        printf("%s: a JPEG of %u bytes cannot hold both SOI and EOI\n", path, jpegSize);
+        return 1;
+    }
+    if (buffer[0] != 0xFF || buffer[1] != 0xD8) {
+        printf("%s: the JPEG does not start with SOI (FF D8) but with %02X %02X\n", path, buffer[0],
+               buffer[1]);
+        ++problems;
+    }
+    if (buffer[jpegSize - 2] != 0xFF || buffer[jpegSize - 1] != 0xD9) {
+        printf("%s: the JPEG's %u bytes do not end with EOI (FF D9) but with %02X %02X\n", path,
+               jpegSize, buffer[jpegSize - 2], buffer[jpegSize - 1]);
+        ++problems;
+    }
+    return problems;
 }
 
 }  // namespace
 
 int RunJpeg(int argc, char** argv) {
-    const char* path = nullptr;
-    for (int i = 1; i < argc; ++i) {
-        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
-            PrintJpegUsage(stdout);
-            return kExitOk;
-        }
-        if (path != nullptr || (argv[i][0] == '-' && argv[i][1] != '\0')) {
-            fprintf(stderr, "vxcamctl jpeg: unexpected argument '%s'\n\n", argv[i]);
-            PrintJpegUsage(stderr);
-            return kExitUsage;
-        }
-        path = argv[i];
-    }
-    if (path == nullptr) {
+    std::vector<const char*> operands;
+    int status = kExitOk;
+    if (!ParseOperands("jpeg", argc, argv, PrintJpegUsage, &operands, &status)) return status;
+    if (operands.empty()) {
         PrintJpegUsage(stderr);
         return kExitUsage;
     }
+    if (operands.size() > 1) {
+        return UsageError("jpeg", "unexpected argument '%s': jpeg takes one FILE", operands[1]);
+    }
+    const char* path = operands[0];
     std::vector<uint8_t> buffer;
     if (!ReadWholeFile("jpeg", path, &buffer)) return kExitUsage;
     const uint32_t bufferSize = static_cast<uint32_t>(buffer.size());
@@ -75,6 +91,7 @@ int RunJpeg(int argc, char** argv) {
                path, blobId, jpegSize, bufferSize - static_cast<uint32_t>(kTrailerSize), jpegSize);
         return kExitFindings;
     }
+    if (CheckMarkers(path, buffer, jpegSize) != 0) return kExitFindings;
     printf("%s: JPEG size %u bytes (blob id %d) in a blob buffer of %u bytes\n", path, jpegSize,
            blobId, bufferSize);
     return kExitOk;

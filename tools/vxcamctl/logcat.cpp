@@ -32,12 +32,23 @@ constexpr uint64_t kNoStamp = 0;
 void PrintLogcatUsage(FILE* out) {
     fprintf(out,
             "usage: vxcamctl logcat [--tid N[,N...]] [--since STAMP] [--grep REGEX] DIR...\n"
+            "       vxcamctl logcat [--session N] [FILTERS] CAMERA_DIR\n"
+            "       vxcamctl logcat --list CAMERA_DIR\n"
             "\n"
             "Merges the text log files of an offline-log session folder\n"
             "(VxCam_OfflineLog_<time>) or of a crash backup folder (OfflineLog_CrashLog_<time>)\n"
             "into one stream ordered by the time stamps the lines carry,\n"
             "\"MM-DD HH:MM:SS:nnnnnnnnn  pid  tid L VxCam: ...\" as Log::LogSystem writes them,\n"
             "and prints the lines unchanged, like one logcat. Several folders merge together.\n"
+            "A crash backup holds copies of its session's files under the same names: a file\n"
+            "whose lines begin, or are, those of a file of the same name in another folder is\n"
+            "read once, the longer of the two.\n"
+            "\n"
+            "A camera folder (what 'adb pull /data/vendor/camera' gives: session folders and\n"
+            "crash backups) is read as one of its sessions: a session folder with the crash\n"
+            "backups that copied its files, found by their file names' prefix. Sessions are\n"
+            "numbered by the time in their names, oldest first; the newest is merged unless\n"
+            "--session N picks another, and where there are several they are listed on stderr.\n"
             "\n"
             "A thread's files (..._Tid<tid>_Session<n>_Segment<m>.txt) are read in session,\n"
             "then segment order, numerically (Segment10 after Segment9), and its lines keep\n"
@@ -64,6 +75,8 @@ void PrintLogcatUsage(FILE* out) {
             "                  go by are left out\n"
             "  --grep REGEX    only lines that match REGEX, a POSIX extended regular\n"
             "                  expression (case-sensitive, anywhere in the line)\n"
+            "  --session N     of a camera folder, session N as --list numbers them\n"
+            "  --list          list a camera folder's sessions, and merge nothing\n"
             "  --help          show this text\n"
             "\n"
             "Exit status 0 when lines were printed; 1 when none was (no text log file, or no\n"
@@ -140,14 +153,19 @@ bool ParseSince(const char* text, uint64_t* stamp) {
 struct LogFile {
     uint32_t session;
     int32_t segment;
+    size_t folder;  // the folder it was listed from, in the order the folders were given
     std::string path;
     uint64_t size;  // bytes present when the folder was listed: all that is read
 };
 
-// A thread of one naming session (the file prefix) in one folder argument, which orders threads
-// whose stamps tie.
+// A thread of one naming session (the file prefix), and the first folder it was listed from,
+// which orders threads whose stamps tie.
 using ThreadKey = std::tuple<size_t, std::string, uint32_t>;
 using ThreadFiles = std::map<ThreadKey, std::vector<LogFile>>;
+
+// While listing: a thread's files from every folder, by file prefix and thread id, so that a
+// crash backup's copy of a file meets the file it copied.
+using ListedThreads = std::map<std::pair<std::string, uint32_t>, std::vector<LogFile>>;
 
 // Decimal digits at `*pos` that fit `max`; moves `*pos` past them.
 bool ParseDecimal(const std::string& text, size_t* pos, uint64_t max, uint64_t* value) {
@@ -198,7 +216,7 @@ bool ParseLogFileName(const std::string& name, std::string* prefix, uint32_t* ti
 // Adds the text log files of `folder` to `threads`; says why on stderr and returns false when the
 // folder cannot be read.
 bool ListFolder(const char* folder, size_t index, const std::set<uint32_t>& tids,
-                ThreadFiles* threads, size_t* textFiles) {
+                ListedThreads* threads, size_t* textFiles) {
     struct stat info = {};
     if (stat(folder, &info) != 0) {
         fprintf(stderr, "vxcamctl logcat: cannot open folder '%s': %s\n", folder, strerror(errno));
@@ -229,8 +247,9 @@ bool ListFolder(const char* folder, size_t index, const std::set<uint32_t>& tids
         }
         ++texts;
         if (!tids.empty() && tids.count(tid) == 0) continue;
+        file.folder = index;
         file.size = static_cast<uint64_t>(info.st_size);
-        (*threads)[ThreadKey(index, prefix, tid)].push_back(std::move(file));
+        (*threads)[std::make_pair(prefix, tid)].push_back(std::move(file));
     }
     closedir(dir);
     if (binaries > 0) {
@@ -245,6 +264,174 @@ bool ListFolder(const char* folder, size_t index, const std::set<uint32_t>& tids
     }
     *textFiles += texts;
     return true;
+}
+
+// Whether the bytes of `shorter` begin `longer`, both read up to their listed sizes.
+bool BeginsWith(const LogFile& longer, const LogFile& shorter) {
+    const int a = open(longer.path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int b = open(shorter.path.c_str(), O_RDONLY | O_CLOEXEC);
+    bool same = a >= 0 && b >= 0;
+    std::vector<char> chunkA(65536), chunkB(65536);
+    for (uint64_t offset = 0; same && offset < shorter.size;) {
+        const size_t wanted =
+                static_cast<size_t>(std::min<uint64_t>(shorter.size - offset, chunkA.size()));
+        const ssize_t gotA = pread(a, chunkA.data(), wanted, static_cast<off_t>(offset));
+        const ssize_t gotB = pread(b, chunkB.data(), wanted, static_cast<off_t>(offset));
+        same = gotA > 0 && gotA == gotB &&
+               memcmp(chunkA.data(), chunkB.data(), static_cast<size_t>(gotA)) == 0;
+        offset += gotA > 0 ? static_cast<uint64_t>(gotA) : 0;
+    }
+    if (a >= 0) close(a);
+    if (b >= 0) close(b);
+    return same;
+}
+
+// Puts each thread's files in session, then segment order, numerically (Segment10 after
+// Segment9), and reads a copied file once. A crash backup holds copies of its session's files
+// under the same names, taken at the crash (an empty one where the file had gone): of two files
+// with one name whose bytes agree as far as the shorter goes, only the longer is read, the earlier
+// folder's when they are equal. Files that share a name but not their bytes are both read.
+ThreadFiles OrderAndDropCopies(ListedThreads* listed, size_t* copies) {
+    ThreadFiles threads;
+    for (auto& [key, files] : *listed) {
+        std::stable_sort(files.begin(), files.end(), [](const LogFile& a, const LogFile& b) {
+            return std::tie(a.session, a.segment, a.folder) <
+                   std::tie(b.session, b.segment, b.folder);
+        });
+        std::vector<LogFile> kept;
+        for (LogFile& file : files) {
+            if (!kept.empty() && kept.back().session == file.session &&
+                kept.back().segment == file.segment) {
+                LogFile& previous = kept.back();
+                const bool longer = file.size > previous.size;
+                if (longer ? BeginsWith(file, previous) : BeginsWith(previous, file)) {
+                    ++*copies;
+                    if (longer) previous = std::move(file);
+                    continue;
+                }
+                fprintf(stderr,
+                        "vxcamctl logcat: '%s' and '%s' share a name but not their lines: both "
+                        "are read\n",
+                        previous.path.c_str(), file.path.c_str());
+            }
+            kept.push_back(std::move(file));
+        }
+        size_t folder = kept.front().folder;
+        for (const LogFile& file : kept) folder = std::min(folder, file.folder);
+        threads[ThreadKey(folder, key.first, key.second)] = std::move(kept);
+    }
+    return threads;
+}
+
+// ---- A camera folder -------------------------------------------------------------------------
+
+// What `adb pull /data/vendor/camera` brings: session folders "VxCam_OfflineLog_<time>" and
+// crash backups "OfflineLog_CrashLog_<time>", <time> as "%d-%02d-%02d--%02d-%02d-%02d-%06ld"
+// (year, month, day, hour, minute, second, microsecond).
+constexpr char kSessionFolder[] = "VxCam_OfflineLog_";
+constexpr char kBackupFolder[] = "OfflineLog_CrashLog_";
+
+// A session: the text logs of one naming session, found by the prefix their names share, in its
+// session folder and in the crash backups that copied them.
+struct Session {
+    std::string prefix;  // of its files' names; the folder's name when it holds no text log
+    std::string folder;  // its session folder, or empty where retention removed it
+    std::vector<std::string> backups;
+    std::set<std::string> names;  // its text log files, a copy counted once
+};
+
+// The time in a session folder's, a crash backup's or a file prefix's name, as numbers that order
+// as the times do; zeros where the name holds none.
+std::vector<long> TimeOf(const std::string& name) {
+    std::vector<long> time(7, 0);
+    for (const char* kind : {kSessionFolder, kBackupFolder}) {
+        if (name.rfind(kind, 0) != 0) continue;
+        if (sscanf(name.c_str() + strlen(kind), "%ld-%ld-%ld--%ld-%ld-%ld-%ld", &time[0], &time[1],
+                   &time[2], &time[3], &time[4], &time[5], &time[6]) != 7) {
+            time.assign(7, 0);
+        }
+        break;
+    }
+    return time;
+}
+
+// The sessions of a camera folder, oldest first; none when `root` holds log files of its own or no
+// session folder or crash backup, so that it is read as a folder of log files.
+std::vector<Session> ListSessions(const std::string& root) {
+    std::vector<Session> sessions;
+    DIR* dir = opendir(root.c_str());
+    if (dir == nullptr) return sessions;
+    std::vector<std::string> folders;
+    bool logFiles = false;
+    while (dirent* entry = readdir(dir)) {
+        std::string prefix;
+        uint32_t tid = 0;
+        LogFile file = {};
+        bool binary = false;
+        const std::string name = entry->d_name;
+        logFiles = logFiles || ParseLogFileName(name, &prefix, &tid, &file, &binary);
+        struct stat info = {};
+        if ((name.rfind(kSessionFolder, 0) == 0 || name.rfind(kBackupFolder, 0) == 0) &&
+            stat((root + "/" + name).c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+            folders.push_back(name);
+        }
+    }
+    closedir(dir);
+    if (logFiles) return sessions;
+
+    std::map<std::string, Session> byPrefix;
+    for (const std::string& name : folders) {
+        // A backup may hold empty files named for an earlier session's logs: its own session is
+        // the newest prefix, and so is a session folder's.
+        std::string newest;
+        std::multimap<std::string, std::string> names;  // by prefix
+        if (DIR* folder = opendir((root + "/" + name).c_str())) {
+            while (dirent* entry = readdir(folder)) {
+                std::string prefix;
+                uint32_t tid = 0;
+                LogFile file = {};
+                bool binary = false;
+                if (!ParseLogFileName(entry->d_name, &prefix, &tid, &file, &binary) || binary) {
+                    continue;
+                }
+                names.emplace(prefix, entry->d_name);
+                if (newest.empty() || TimeOf(prefix) > TimeOf(newest)) newest = prefix;
+            }
+            closedir(folder);
+        }
+        Session& session = byPrefix[newest.empty() ? name : newest];
+        session.prefix = newest.empty() ? name : newest;
+        const auto own = names.equal_range(newest);
+        for (auto name = own.first; name != own.second; ++name) session.names.insert(name->second);
+        const std::string path = root + "/" + name;
+        if (name.rfind(kSessionFolder, 0) == 0) {
+            session.folder = path;
+        } else {
+            session.backups.push_back(path);
+        }
+    }
+    for (auto& entry : byPrefix) sessions.push_back(std::move(entry.second));
+    std::sort(sessions.begin(), sessions.end(), [](const Session& a, const Session& b) {
+        const std::vector<long> timeA = TimeOf(a.prefix), timeB = TimeOf(b.prefix);
+        return timeA != timeB ? timeA < timeB : a.prefix < b.prefix;
+    });
+    for (Session& session : sessions) std::sort(session.backups.begin(), session.backups.end());
+    return sessions;
+}
+
+void PrintSessions(FILE* out, const std::string& root, const std::vector<Session>& sessions) {
+    fprintf(out, "sessions in '%s', oldest first:\n", root.c_str());
+    for (size_t i = 0; i < sessions.size(); ++i) {
+        const Session& session = sessions[i];
+        const size_t slash = session.folder.rfind('/');
+        fprintf(out, "  %zu  %s  %zu text file%s", i + 1,
+                session.folder.empty() ? "(no session folder)" : session.folder.c_str() + slash + 1,
+                session.names.size(), session.names.size() == 1 ? "" : "s");
+        for (const std::string& backup : session.backups) {
+            fprintf(out, ", crash backup %s", backup.c_str() + backup.rfind('/') + 1);
+        }
+        fprintf(out, "\n");
+    }
 }
 
 // ---- Reading a thread's lines --------------------------------------------------------------
@@ -352,6 +539,9 @@ struct Filters {
     uint64_t sinceStamp = 0;
     bool grep = false;
     regex_t pattern = {};
+    // Of a camera folder: list its sessions, or merge session number `session` (0: the newest).
+    bool list = false;
+    unsigned long session = 0;
 };
 
 struct ThreadState {
@@ -411,74 +601,82 @@ bool ParseTids(const char* text, std::set<uint32_t>* tids) {
 }
 
 constexpr int kGoOn = -1;
+enum OptionId { kTid = 256, kSince, kGrep, kSession, kList };
 
-// Reads the options into `filters` and the folders into `folders`; returns kGoOn, or the exit
-// status when there is nothing to merge.
-int ParseArguments(int argc, char** argv, Filters* filters, std::vector<const char*>* folders) {
-    bool optionsDone = false;
-    for (int i = 1; i < argc; ++i) {
-        const char* argument = argv[i];
-        if (optionsDone || argument[0] != '-' || argument[1] == '\0') {
-            folders->push_back(argument);
-            continue;
-        }
-        if (strcmp(argument, "--") == 0) {
-            optionsDone = true;
-            continue;
-        }
-        if (strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0) {
-            PrintLogcatUsage(stdout);
-            return kExitOk;
-        }
-        // "--name VALUE" or "--name=VALUE"
-        std::string name = argument;
-        const char* value = nullptr;
-        const size_t equals = name.find('=');
-        if (equals != std::string::npos) {
-            name.resize(equals);
-            value = argument + equals + 1;
-        } else if (i + 1 < argc) {
-            value = argv[++i];
-        }
-        if (name != "--tid" && name != "--since" && name != "--grep") {
-            fprintf(stderr, "vxcamctl logcat: unexpected argument '%s'\n\n", argument);
-            PrintLogcatUsage(stderr);
-            return kExitUsage;
-        }
-        if (value == nullptr) {
-            fprintf(stderr, "vxcamctl logcat: %s needs a value\n", name.c_str());
-            return kExitUsage;
-        }
-        if (name == "--tid") {
-            if (!ParseTids(value, &filters->tids)) {
-                fprintf(stderr,
-                        "vxcamctl logcat: --tid needs decimal thread ids, comma-separated, not "
-                        "'%s'\n",
-                        value);
-                return kExitUsage;
-            }
-        } else if (name == "--since") {
+// Reads one option into `filters`; false, having said why, on a bad value.
+bool ReadFilter(int id, const char* value, Filters* filters) {
+    switch (id) {
+        case kTid:
+            if (ParseTids(value, &filters->tids)) return true;
+            UsageError("logcat", "--tid needs decimal thread ids, comma-separated, not '%s'", value);
+            return false;
+        case kSince:
             filters->since = ParseSince(value, &filters->sinceStamp);
-            if (!filters->since) {
-                fprintf(stderr,
-                        "vxcamctl logcat: --since needs a time stamp "
-                        "\"MM-DD HH:MM:SS[.fraction]\", not '%s'\n",
-                        value);
-                return kExitUsage;
+            if (filters->since) return true;
+            UsageError("logcat",
+                       "--since needs a time stamp \"MM-DD HH:MM:SS[.fraction]\", not '%s'", value);
+            return false;
+        case kGrep: {
+            if (filters->grep) {
+                UsageError("logcat", "--grep is given twice; join the patterns with '|'");
+                return false;
             }
-        } else if (filters->grep) {
-            fprintf(stderr, "vxcamctl logcat: --grep is given twice; join the patterns with '|'\n");
-            return kExitUsage;
-        } else {
             const int error = regcomp(&filters->pattern, value, REG_EXTENDED | REG_NOSUB);
             if (error != 0) {
                 char message[256];
                 regerror(error, &filters->pattern, message, sizeof(message));
-                fprintf(stderr, "vxcamctl logcat: --grep '%s': %s\n", value, message);
-                return kExitUsage;
+                UsageError("logcat", "--grep '%s': %s", value, message);
+                return false;
             }
             filters->grep = true;
+            return true;
         }
+        case kSession: {
+            uint64_t number = 0;
+            const std::string text = value;
+            size_t pos = 0;
+            if (!ParseDecimal(text, &pos, UINT32_MAX, &number) || pos != text.size() ||
+                number == 0) {
+                UsageError("logcat",
+                           "--session needs a session number from 1 (--list numbers them), not "
+                           "'%s'",
+                           value);
+                return false;
+            }
+            filters->session = static_cast<unsigned long>(number);
+            return true;
+        }
+        case kList:
+            filters->list = true;
+            return true;
+    }
+    return true;
+}
+
+// Reads the options into `filters` and the folders into `folders`; returns kGoOn, or the exit
+// status when there is nothing to merge.
+int ParseArguments(int argc, char** argv, Filters* filters, std::vector<const char*>* folders) {
+    static const option kOptions[] = {
+            {"tid", required_argument, nullptr, kTid},
+            {"since", required_argument, nullptr, kSince},
+            {"grep", required_argument, nullptr, kGrep},
+            {"session", required_argument, nullptr, kSession},
+            {"list", no_argument, nullptr, kList},
+            {"help", no_argument, nullptr, 'h'},
+            {nullptr, 0, nullptr, 0},
+    };
+    bool help = false;
+    const bool parsed = ParseOptions(
+            "logcat", argc, argv, "h", kOptions,
+            [&](int id, const char* value) {
+                help = help || id == 'h';
+                return ReadFilter(id, value, filters);
+            },
+            folders);
+    if (!parsed) return kExitUsage;
+    if (help) {
+        PrintLogcatUsage(stdout);
+        return kExitOk;
     }
     if (folders->empty()) {
         PrintLogcatUsage(stderr);
@@ -487,24 +685,73 @@ int ParseArguments(int argc, char** argv, Filters* filters, std::vector<const ch
     return kGoOn;
 }
 
+// Replaces each camera folder among `arguments` by the folders of the session it asks for, or
+// lists its sessions; returns kGoOn, or the exit status when there is nothing to merge.
+int ExpandCameraFolders(const std::vector<const char*>& arguments, const Filters& filters,
+                        std::vector<std::string>* folders) {
+    bool cameraFolder = false;
+    for (const char* argument : arguments) {
+        const std::vector<Session> sessions = ListSessions(argument);
+        if (sessions.empty()) {
+            folders->push_back(argument);
+            continue;
+        }
+        cameraFolder = true;
+        if (filters.list) {
+            PrintSessions(stdout, argument, sessions);
+            continue;
+        }
+        if (filters.session > sessions.size()) {
+            fprintf(stderr,
+                    "vxcamctl logcat: --session %lu: '%s' holds %zu session%s (--list lists "
+                    "them)\n",
+                    filters.session, argument, sessions.size(), sessions.size() == 1 ? "" : "s");
+            return kExitUsage;
+        }
+        const size_t chosen = filters.session != 0 ? filters.session : sessions.size();
+        if (filters.session == 0 && sessions.size() > 1) {
+            PrintSessions(stderr, argument, sessions);
+            fprintf(stderr,
+                    "vxcamctl logcat: merging the newest, session %zu; --session N picks another\n",
+                    chosen);
+        }
+        const Session& session = sessions[chosen - 1];
+        if (!session.folder.empty()) folders->push_back(session.folder);
+        folders->insert(folders->end(), session.backups.begin(), session.backups.end());
+    }
+    if ((filters.list || filters.session != 0) && !cameraFolder) {
+        fprintf(stderr,
+                "vxcamctl logcat: %s takes a camera folder (of VxCam_OfflineLog_<time> session "
+                "folders), and no folder given is one\n",
+                filters.list ? "--list" : "--session");
+        return kExitUsage;
+    }
+    return filters.list ? kExitOk : kGoOn;
+}
+
 }  // namespace
 
 int RunLogcat(int argc, char** argv) {
     Filters filters;
-    std::vector<const char*> folders;
-    int status = ParseArguments(argc, argv, &filters, &folders);
+    std::vector<const char*> arguments;
+    std::vector<std::string> folders;
+    int status = ParseArguments(argc, argv, &filters, &arguments);
+    if (status == kGoOn) status = ExpandCameraFolders(arguments, filters, &folders);
     if (status == kGoOn) {
-        ThreadFiles threads;
+        ListedThreads listed;
         size_t textFiles = 0;
         bool readable = true;
         for (size_t i = 0; i < folders.size(); ++i) {
-            readable = ListFolder(folders[i], i, filters.tids, &threads, &textFiles) && readable;
+            readable = ListFolder(folders[i].c_str(), i, filters.tids, &listed, &textFiles) &&
+                       readable;
         }
-        for (auto& thread : threads) {
-            std::sort(thread.second.begin(), thread.second.end(),
-                      [](const LogFile& a, const LogFile& b) {
-                          return std::tie(a.session, a.segment) < std::tie(b.session, b.segment);
-                      });
+        size_t copies = 0;
+        const ThreadFiles threads = OrderAndDropCopies(&listed, &copies);
+        if (copies > 0) {
+            fprintf(stderr,
+                    "vxcamctl logcat: passed over %zu cop%s of files read from another folder "
+                    "(same name, same lines)\n",
+                    copies, copies == 1 ? "y" : "ies");
         }
         bool failed = !readable;
         const unsigned long printed = Merge(threads, filters, &failed);

@@ -6,12 +6,14 @@
 #include <errno.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -29,6 +31,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include <VxCamLogSink.h>
@@ -47,6 +50,22 @@ using Clock = std::chrono::steady_clock;
 constexpr OfflineLoggerType kTextLog = VxCam::OfflineLog;
 constexpr char kMarker[] = "vxs ";
 constexpr unsigned long kMaxLines = 1000000000ul;  // per thread (per slot in a soak)
+// Below this much logging time a bench's figures are start-up and scheduling noise: thread starts,
+// first page faults of the buckets, a preemption or two.
+constexpr double kBenchMinSeconds = 1.0;
+
+constexpr unsigned kSoakSessionSeconds = 2;
+constexpr size_t kFlushBatch = 6;  // the text log's: a normal flush writes at 6 requests
+constexpr unsigned kWarmUpSessions = 3;
+constexpr double kGrowthToleranceMiB = 8.0;
+
+#ifdef VXCAMCTL_DEFAULT_LIBRARY
+constexpr char kDefaultLibrary[] = VXCAMCTL_DEFAULT_LIBRARY;
+#else
+constexpr char kDefaultLibrary[] = "libvxcamcommonutils.so";
+#endif
+
+constexpr int kExitInterrupted = 128 + SIGINT;  // as a shell reports a run ended by Ctrl-C
 
 struct Options {
     unsigned threads = 4;
@@ -59,68 +78,95 @@ struct Options {
     bool bench = false;
     bool androidLog = false;
     bool noMembarrier = false;
-    bool quiet = false;
-    std::string library = "libvxcamcommonutils.so";
+    bool quiet = false;    // the summary only
+    bool verbose = false;  // the details even when nothing was lost
+    bool keep = false;     // the session folders stay
+    std::string library = kDefaultLibrary;
 };
 
 void PrintSessionUsage(FILE* out) {
+    const Options defaults;
     fprintf(out,
-            "usage: vxcamctl session [--threads N] [--lines M] [--length L] [--sessions K]\n"
-            "                        [--logsystem-every N] [--close-while-logging] [--bench]\n"
-            "                        [--android-log] [--no-membarrier] [--library PATH] [--quiet]\n"
-            "                        [--sysroot DIR]\n"
+            "usage: vxcamctl session [OPTIONS]\n"
+            "       vxcamctl session --duration S [OPTIONS]   (a soak)\n"
             "\n"
             "Runs K camera sessions as a camera host does: loads the library with dlopen, takes\n"
             "the offline-log entry table from ChiOfflineLogEntry, starts the text logger, links a\n"
             "flush trigger served by a flush thread of its own, opens the camera, lets N threads\n"
             "log M lines of L bytes each, and closes the camera. When the sysroot's properties\n"
-            "turn offline logging on (vendor.camera.vcf.LogOfflineEnable=1), every N-th line goes\n"
-            "through Log::LogSystem instead (default 8; 0 for none).\n"
+            "turn offline logging on (vendor.camera.vcf.LogOfflineEnable=1), every n-th line goes\n"
+            "through Log::LogSystem instead.\n"
             "\n"
-            "Then it reads the new session folders back and reports, per session and thread, the\n"
-            "lines logged, landed, dropped while a camera close was under way (accepted) and "
-            "lost.\n"
-            "Exit status 1 on any loss, duplicate or line out of order. It also shows the\n"
-            "resident memory when idle and at its peak, against the buckets in flight (held by a\n"
-            "thread or queued for the flush) at the busiest moment and the pool's size.\n"
+            "Then it reads the session folders the run made back and accounts for every line:\n"
+            "logged, landed, dropped while a camera close was under way (accepted) or lost. Every\n"
+            "line dropped during a close must be one the library reported as skipped. The summary\n"
+            "comes first: the rate, the files, the resident memory when idle and at its peak\n"
+            "against the buckets in flight (held by a thread or queued for the flush) at the\n"
+            "busiest moment and the pool's size, the library's errors and warnings, the totals\n"
+            "and the result. The files and a row per session and thread follow with -v, or when\n"
+            "a line was lost. The session folders the run made are removed after the check;\n"
+            "--keep keeps them, and so does a failed check, for a look.\n"
             "\n"
+            "Exit status: 0 when every line is accounted for; 1 on a lost, duplicated or\n"
+            "reordered line (or, in a soak, on memory growth); 2 on a bad option or when the\n"
+            "library cannot be loaded; 130 when interrupted (Ctrl-C), which leaves the run's\n"
+            "folders. On a terminal, stderr shows a progress bar with the rate and the time left.\n"
+            "\n"
+            "  --threads N            logging threads, 1 to 1024 (default %u)\n"
+            "  --lines M              lines per thread and session (default %lu)\n"
+            "  --length L             bytes per line, 32 to 1000 (default %u)\n"
+            "  --sessions K           camera sessions, 1 to 1000 (default %u)\n"
+            "  --logsystem-every N    every N-th line through Log::LogSystem when offline\n"
+            "                         logging is on; 0: none (default %u)\n"
             "  --close-while-logging  also close and reopen the camera half way through each\n"
             "                         session, while the threads log\n"
             "  --bench                time the run: numbered lines are made without printf, and\n"
-            "                         the figures are the capture's cost per line and lines per\n"
-            "                         second, the flush's throughput, the memory, and each call's\n"
-            "                         latency (the debug frame's or addLog's, timed with a clock\n"
-            "                         reading before and after it, which the cost per line\n"
+            "                         the figures are the capture's cost per line (CPU and wall\n"
+            "                         time, median thread), lines per second per thread and over\n"
+            "                         all threads, the flush's throughput, the memory, and each\n"
+            "                         call's latency (the debug frame's or addLog's, timed with a\n"
+            "                         clock reading before and after it, which the cost per line\n"
             "                         includes): p50, p99, p99.9, p99.99 and max over all calls\n"
             "                         of all threads, and the calls over 1 ms. Percentiles come\n"
             "                         from log-spaced buckets, at most 3.2 %% high; the max and\n"
-            "                         the count are exact. The files are still checked, but not\n"
-            "                         listed\n"
-            "  --android-log          keep the Android log (stderr); by default it is silenced\n"
+            "                         the count are exact. A run whose threads log for less than\n"
+            "                         %.0f s is too short to judge, and says so. The files are\n"
+            "                         still checked\n"
+            "  --duration S           soak for S seconds instead of K sessions (see below)\n"
+            "  --keep                 keep the session folders the run made\n"
+            "  -v, --verbose          the details even when nothing was lost: the files and a\n"
+            "                         row per session and thread; in a soak, a line per session\n"
+            "                         and the memory curve\n"
+            "  --quiet                the summary only: no progress bar, no soak line a minute,\n"
+            "                         no details even when a line was lost\n"
+            "  --android-log          keep the Android log (stderr); by default it is silenced,\n"
+            "                         and its errors and warnings are listed in the summary\n"
             "  --no-membarrier        run as on a kernel without membarrier: the library's\n"
             "                         capture then pays for its own barrier on every line\n"
-            "  --library PATH         the library to load (default: libvxcamcommonutils.so)\n"
-            "  --duration S           soak instead of K sessions: camera sessions of 2 s\n"
-            "                         for S seconds, in which each of the N threads is\n"
-            "                         replaced by a new one after its M lines (so that\n"
-            "                         registrations, buckets and the guards of ending\n"
-            "                         threads are recycled), with the host's retention\n"
-            "                         linked. A slot's next batch waits while the flush\n"
-            "                         is more than a few batches behind, as a camera logs\n"
-            "                         slower than its disk writes (the library holds no\n"
-            "                         thread back). After each close the session's lines are\n"
-            "                         checked and its files deleted. Resident memory\n"
-            "                         (VmRSS) is sampled every second and printed.\n"
-            "                         Exit status 1 on a lost line, or on growth: the\n"
-            "                         median of the last third of the samples may not\n"
-            "                         pass the median of the warm-up by more than 8 MiB.\n"
-            "                         The warm-up is the first 3 sessions, or the first\n"
-            "                         fifth of the run if longer: the pool and the\n"
-            "                         allocator's arenas reach their working size. Medians,\n"
-            "                         since a sample may catch a few 3 MiB buckets more in\n"
-            "                         flight; 8 MiB holds the retention records of the\n"
-            "                         2600 MB written between two retention passes (about\n"
-            "                         3 MiB), while a leak of 3 KiB a second fails an hour\n");
+            "  --library PATH         the library to load (default %s)\n"
+            "  --sysroot DIR          the device tree the library's paths are taken under\n"
+            "  -h, --help             this text\n"
+            "\n"
+            "Every option takes its value as --option VALUE or --option=VALUE.\n"
+            "\n"
+            "The soak (--duration S) runs camera sessions of %u s for S seconds, in which each of\n"
+            "the N threads is replaced by a new one after its M lines (so that registrations,\n"
+            "buckets and the guards of ending threads are recycled), with the host's retention\n"
+            "linked. A slot's next batch waits while the flush is more than a few batches\n"
+            "behind, as a camera logs slower than its disk writes (the library holds no thread\n"
+            "back). After each close the session's lines are checked and its files deleted;\n"
+            "--bench and --keep do not apply. Resident memory (VmRSS) is sampled every second;\n"
+            "a line a minute gives the sessions so far, the lines checked and the memory's low,\n"
+            "median and high over that minute. The run fails on a lost line, or on growth: the\n"
+            "median of the last third of the samples may not pass the median of the warm-up by\n"
+            "more than %.0f MiB. The warm-up is the first %u sessions, or the first fifth of the\n"
+            "run if longer: the pool and the allocator's arenas reach their working size.\n"
+            "Medians, since a sample may catch a few 3 MiB buckets more in flight; %.0f MiB holds\n"
+            "the retention records of the 2600 MB written between two retention passes (about\n"
+            "3 MiB), while a leak of 3 KiB a second fails an hour's run.\n",
+            defaults.threads, defaults.lines, defaults.length, defaults.sessions,
+            defaults.logSystemEvery, kBenchMinSeconds, kDefaultLibrary, kSoakSessionSeconds,
+            kGrowthToleranceMiB, kWarmUpSessions, kGrowthToleranceMiB);
 }
 
 bool ParseNumber(const char* text, unsigned long max, unsigned long* value) {
@@ -156,18 +202,74 @@ struct Library {
     VxCam::OfflineLogEntryTable table = {};
     LogSystemFn logSystem = nullptr;
     bool offlineEnabled = false;  // the debug frame hands its lines to the offline logger
-    bool countsSkips = false;     // the Android log goes to CountingLogger
+    bool countsSkips = false;     // the Android log goes to SilencedLog
 };
 
 // Lines the library said it skipped because a camera close was under way: each is one line
 // dropped, and every line dropped during a close must be one of them.
 std::atomic<unsigned long> s_skipReports{0};
 
-// Keeps the Android log quiet, counting the skip reports.
-void CountingLogger(const struct VxCamLogMessage* message) {
-    if (message->message != nullptr &&
-        strstr(message->message, "log is skipped due to camera is closing") != nullptr) {
+// The library's errors and warnings while its log is silenced: the library's own account of
+// what went wrong (a folder it could not make, a file it could not open), which the user needs
+// beside the lines that went missing. Each distinct text once, with its count, in the order first
+// seen; a library stuck in a loop of new texts fills only the first few.
+class LibraryComplaints {
+  public:
+    struct Entry {
+        char level;  // 'W', 'E' or 'F', as logcat shows them
+        std::string text;
+        unsigned long count;
+    };
+    // Never destroyed: the library may still log from its own teardown, after this program's
+    // statics are gone.
+    static LibraryComplaints& Get() {
+        static LibraryComplaints* complaints = new LibraryComplaints;
+        return *complaints;
+    }
+    void Add(int priority, const char* message) {
+        size_t length = strlen(message);
+        while (length > 0 && (message[length - 1] == '\n' || message[length - 1] == '\r')) {
+            --length;
+        }
+        const char level = priority >= ANDROID_LOG_FATAL   ? 'F'
+                           : priority >= ANDROID_LOG_ERROR ? 'E'
+                                                           : 'W';
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_total;
+        for (Entry& entry : m_entries) {
+            if (entry.level == level &&
+                entry.text.compare(0, std::string::npos, message, length) == 0) {
+                ++entry.count;
+                return;
+            }
+        }
+        if (m_entries.size() < kDistinct)
+            m_entries.push_back({level, std::string(message, length), 1});
+    }
+    std::vector<Entry> Entries() const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_entries;
+    }
+    unsigned long Total() const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_total;
+    }
+
+  private:
+    static constexpr size_t kDistinct = 24;
+    mutable std::mutex m_mutex;
+    std::vector<Entry> m_entries;
+    unsigned long m_total = 0;  // counted in an entry or not
+};
+
+// Keeps the Android log off the terminal: counts the skip reports and keeps the errors and
+// warnings. Info lines, the debug frame's numbered lines among them, go nowhere.
+void SilencedLog(const struct VxCamLogMessage* message) {
+    if (message->priority < ANDROID_LOG_WARN || message->message == nullptr) return;
+    if (strstr(message->message, "log is skipped due to camera is closing") != nullptr) {
         s_skipReports.fetch_add(1, std::memory_order_relaxed);
+    } else if (strstr(message->message, kMarker) == nullptr) {
+        LibraryComplaints::Get().Add(message->priority, message->message);
     }
 }
 
@@ -204,7 +306,7 @@ bool LoadLibrary(const Options& options, Library* library) {
         using SetLogger = void (*)(void (*)(const struct VxCamLogMessage*));
         auto setLogger = reinterpret_cast<SetLogger>(dlsym(RTLD_DEFAULT, "VxCamLogSetSink"));
         if (setLogger != nullptr) {
-            setLogger(CountingLogger);
+            setLogger(SilencedLog);
             library->countsSkips = true;
         }
     }
@@ -572,25 +674,129 @@ void CloseCamera(const Library& library, Run* run) {
     run->closeEpoch.fetch_add(1);
 }
 
+// ---- Progress and Ctrl-C ------------------------------------------------------------------
+
+// Ctrl-C ends the run at once with the shell's status for it. While the progress bar is drawn,
+// its thread does that itself, so that no redraw lands after the line is cleared; otherwise the
+// handler does. s_interrupted is raised before s_progressDrawing is read, and the thread lowers
+// s_progressDrawing before its last look at s_interrupted: one of the two always sees the other.
+std::atomic<bool> s_interrupted{false};
+std::atomic<bool> s_progressDrawing{false};
+std::atomic<bool> s_exiting{false};
+char s_interruptNote[512];  // written from the handler: made before the run
+size_t s_interruptNoteLength = 0;
+
+[[noreturn]] void ExitInterrupted() {
+    if (s_exiting.exchange(true)) {
+        for (;;) pause();  // the other one is on its way out
+    }
+    ssize_t ignored = write(STDERR_FILENO, s_interruptNote, s_interruptNoteLength);
+    (void)ignored;
+    _exit(kExitInterrupted);
+}
+
+void OnInterrupt(int) {
+    s_interrupted.store(true);
+    if (!s_progressDrawing.load()) ExitInterrupted();
+}
+
+void CatchInterrupt(const std::string& camera) {
+    snprintf(s_interruptNote, sizeof(s_interruptNote),
+             "vxcamctl session: interrupted; the session folders of this run stay in %s\n",
+             camera.c_str());
+    s_interruptNoteLength = strlen(s_interruptNote);
+    struct sigaction action = {};
+    action.sa_handler = OnInterrupt;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &action, nullptr);
+}
+
+// 950, 12.3k, 4.56M: the progress line has little room.
+std::string Compact(double value) {
+    static const char kUnits[] = " kMGT";
+    size_t unit = 0;
+    while (value >= 999.5 && unit + 1 < sizeof(kUnits) - 1) {
+        value /= 1000;
+        ++unit;
+    }
+    if (unit == 0) return Format("%.0f", value);
+    return Format(value < 9.995   ? "%.2f%c"
+                  : value < 99.95 ? "%.1f%c"
+                                  : "%.0f%c",
+                  value, kUnits[unit]);
+}
+
+// 0:42, 12:03, 1:02:03.
+std::string TimeText(double seconds) {
+    const unsigned long whole = static_cast<unsigned long>(seconds + 0.5);
+    if (whole >= 3600) {
+        return Format("%lu:%02lu:%02lu", whole / 3600, whole / 60 % 60, whole % 60);
+    }
+    return Format("%lu:%02lu", whole / 60, whole % 60);
+}
+
+// One line that never reaches the terminal's last column (some terminals wrap there): the
+// figures, in words where there is room, and a bar in what is left, up to 40 columns.
+std::string ProgressLine(size_t columns, unsigned long done, unsigned long total, double seconds) {
+    const size_t width = columns > 1 ? columns - 1 : 0;
+    const double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0;
+    const unsigned long percent = total == 0 ? 100 : std::min(done, total) * 100 / total;
+    const std::string count =
+            Compact(static_cast<double>(done)) + "/" + Compact(static_cast<double>(total));
+    // Always there, so that the bar keeps its length from one redraw to the next.
+    const std::string left =
+            rate > 0 ? TimeText(static_cast<double>(total - std::min(done, total)) / rate) : "?";
+    std::string figures = Format("%3lu%% %s lines, %s lines/s, %s left", percent, count.c_str(),
+                                 Compact(rate).c_str(), left.c_str());
+    constexpr size_t kBarFrame = 3;  // "[", "] "
+    constexpr size_t kShortestBar = 5;
+    if (figures.size() + kBarFrame + kShortestBar > width) {
+        figures = Format("%3lu%% %s %s/s %s left", percent, count.c_str(), Compact(rate).c_str(),
+                         left.c_str());
+    }
+    std::string line;
+    if (figures.size() + kBarFrame + kShortestBar <= width) {
+        const size_t bar = std::min<size_t>(40, width - figures.size() - kBarFrame);
+        const size_t filled = bar * percent / 100;
+        line = "[" + std::string(filled, '#') + std::string(bar - filled, ' ') + "] ";
+    }
+    line += figures;
+    if (line.size() > width) line.resize(width);
+    return line;
+}
+
+size_t TerminalColumns() {
+    winsize size = {};
+    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
+    return 80;
+}
+
+// A bar on stderr when it is a terminal, from the first second on, written over in place four
+// times a second; the width is read at each redraw, so that a resized window is followed.
 void ShowProgress(const Options& options, const Run& run, const std::atomic<bool>& done) {
     if (options.quiet || !isatty(STDERR_FILENO)) return;
     const unsigned long total =
             static_cast<unsigned long>(options.threads) * options.lines * options.sessions;
+    s_progressDrawing.store(true);
     const auto start = Clock::now();
     bool shown = false;
-    while (!done.load()) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        if (Clock::now() - start < std::chrono::seconds(1)) continue;
-        const unsigned long now = run.progress.load();
-        const unsigned percent = total == 0 ? 100 : static_cast<unsigned>(now * 100 / total);
-        char bar[41];
-        memset(bar, ' ', 40);
-        memset(bar, '#', percent * 40 / 100);
-        bar[40] = '\0';
-        fprintf(stderr, "\r[%s] %3u%% %lu/%lu lines", bar, percent, now, total);
+    for (unsigned tick = 1; !done.load(); ++tick) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (s_interrupted.load()) {
+            if (shown) fputs("\r\033[K", stderr);
+            ExitInterrupted();
+        }
+        const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+        if (seconds < 1.0 || tick % 5 != 0) continue;
+        const std::string line =
+                ProgressLine(TerminalColumns(), run.progress.load(), total, seconds);
+        fprintf(stderr, "\r%s\033[K", line.c_str());
         shown = true;
     }
-    if (shown) fprintf(stderr, "\r%*s\r", 72, "");
+    if (shown) fputs("\r\033[K", stderr);
+    s_progressDrawing.store(false);
+    if (s_interrupted.load()) ExitInterrupted();
 }
 
 // ---- Reading the files back ----------------------------------------------------------------
@@ -725,13 +931,21 @@ void PrintBench(const Options& options, const Library& library, const Run& run,
                     ? options.threads * options.sessions *
                               ((options.lines + options.logSystemEvery - 1) / options.logSystemEvery)
                     : 0;
-    printf("bench: %lu lines of %u bytes, %lu of them through Log::LogSystem, %u threads\n", total,
-           options.length, viaFrame, options.threads);
+    printf("\nbench: %lu lines of %u bytes, %lu of them through Log::LogSystem, %u threads\n",
+           total, options.length, viaFrame, options.threads);
+    if (run.captureSeconds < kBenchMinSeconds) {
+        printf("bench: too short to judge: the threads logged for %.3f s, under the %.0f s the "
+               "figures need; no conclusion from these (log more lines)\n",
+               run.captureSeconds, kBenchMinSeconds);
+    }
     // Medians over the threads of all sessions. With more threads than CPUs a thread's wall time
     // also holds its waits for a CPU; its CPU time is what a line costs.
-    printf("capture: %.1f ns of CPU per line, %.1f ns of wall time per line and thread (medians of "
-           "%zu threads), %.0f lines/s over all threads\n",
-           cpuPerLine[cpuPerLine.size() / 2], perLine[perLine.size() / 2], perLine.size(),
+    const double wallPerLine = perLine[perLine.size() / 2];
+    printf("capture per line, median of %zu threads: %.1f ns of CPU time, %.1f ns of wall time\n",
+           perLine.size(), cpuPerLine[cpuPerLine.size() / 2], wallPerLine);
+    printf("capture rate: %.0f lines/s per thread (wall time, median thread), %.0f lines/s over "
+           "all threads (from their start to their end)\n",
+           wallPerLine > 0 ? 1e9 / wallPerLine : 0.0,
            run.captureSeconds > 0 ? static_cast<double>(total) / run.captureSeconds : 0.0);
     const double writing = flushSeconds + run.closeSeconds;
     printf("flush: %.0f MB/s (%llu bytes in %.3f s of flushes and camera closes)\n",
@@ -754,14 +968,19 @@ struct Tally {
     unsigned long duplicates = 0;
 };
 
+struct ThreadTally {
+    unsigned session;
+    unsigned thread;
+    unsigned long logged;
+    unsigned long landed;
+    unsigned long accepted;
+    unsigned long lost;
+};
+
 // Per session and thread of `run`: the lines logged, landed, dropped while a close was under way
-// (accepted) and lost; a table row each when `print`.
-Tally Account(const Run& run, Landed* landed, bool print) {
+// (accepted) and lost; a row each in `rows` when given.
+Tally Account(const Run& run, Landed* landed, std::vector<ThreadTally>* rows) {
     Tally tally;
-    if (print) {
-        printf("\n%-8s %-7s %10s %10s %16s %8s\n", "session", "thread", "logged", "landed",
-               "dropped(close)", "lost");
-    }
     for (unsigned s = 0; s < run.records.size(); ++s) {
         for (unsigned t = 0; t < run.records[s].size(); ++t) {
             const ThreadRecord& record = run.records[s][t];
@@ -778,9 +997,8 @@ Tally Account(const Run& run, Landed* landed, bool print) {
                     ++lost;
                 }
             }
-            if (print) {
-                printf("%-8u %-7u %10lu %10lu %16lu %8lu\n", run.firstSession + s, t, record.logged,
-                       unique, accepted, lost);
+            if (rows != nullptr) {
+                rows->push_back({run.firstSession + s, t, record.logged, unique, accepted, lost});
             }
             tally.logged += record.logged;
             tally.landed += unique;
@@ -792,31 +1010,89 @@ Tally Account(const Run& run, Landed* landed, bool print) {
     return tally;
 }
 
-// The totals and the verdict: true when no line was lost, duplicated or put out of order, and
-// every line dropped during a close was one the library reported as skipped.
+void PrintThreadTallies(const std::vector<ThreadTally>& rows) {
+    printf("\n%-8s %-7s %10s %10s %16s %8s\n", "session", "thread", "logged", "landed",
+           "dropped(close)", "lost");
+    for (const ThreadTally& row : rows) {
+        printf("%-8u %-7u %10lu %10lu %16lu %8lu\n", row.session, row.thread, row.logged,
+               row.landed, row.accepted, row.lost);
+    }
+}
+
+// What the library said went wrong while its log was silenced, and, when lines are missing, what
+// this process meets where the library makes its folders: the library does not say why a folder
+// or a file could not be made.
+void PrintComplaints(const Library& library, const std::string& camera, const Tally& tally) {
+    if (library.countsSkips) {
+        const LibraryComplaints& complaints = LibraryComplaints::Get();
+        const std::vector<LibraryComplaints::Entry> entries = complaints.Entries();
+        if (!entries.empty()) {
+            printf("\nthe library's errors and warnings (%lu lines):\n", complaints.Total());
+            unsigned long listed = 0;
+            for (const LibraryComplaints::Entry& entry : entries) {
+                printf("%8lu x %c %s\n", entry.count, entry.level, entry.text.c_str());
+                listed += entry.count;
+            }
+            if (listed < complaints.Total()) {
+                printf("%8lu x   of other texts\n", complaints.Total() - listed);
+            }
+        }
+    }
+    if (tally.lost != 0) {
+        std::string probe = camera + "/.vxcamctl-probe-XXXXXX";
+        if (mkdtemp(&probe[0]) == nullptr) {
+            printf("this process cannot make a folder in %s either: %s\n", camera.c_str(),
+                   strerror(errno));
+        } else {
+            rmdir(probe.c_str());
+        }
+    }
+}
+
+// True when no line was lost, duplicated or put out of order, and every line dropped during a
+// close was one the library reported as skipped.
+bool Clean(const Library& library, const Tally& tally, const Landed& landed,
+           unsigned long skipReports) {
+    return tally.lost == 0 && tally.duplicates == 0 && landed.outOfOrder == 0 &&
+           (!library.countsSkips || skipReports == tally.accepted);
+}
+
+// The totals and the verdict, which end the summary: scripts keep the last three lines of a run.
 bool PrintTotals(const Library& library, const Tally& tally, const Landed& landed,
                  unsigned long skipReports) {
     printf("\ntotal: logged %lu, landed %lu, dropped during a close %lu (accepted), lost %lu, "
            "duplicated %lu, out of order %lu, foreign lines %lu\n",
            tally.logged, tally.landed, tally.accepted, tally.lost, tally.duplicates,
            landed.outOfOrder, landed.foreign);
-    bool reported = true;
     if (library.countsSkips) {
         printf("lines the library reported as skipped during a close: %lu\n", skipReports);
-        reported = skipReports == tally.accepted;
     }
-    const bool clean =
-            tally.lost == 0 && tally.duplicates == 0 && landed.outOfOrder == 0 && reported;
+    const bool clean = Clean(library, tally, landed, skipReports);
     printf("%s\n", clean ? "result: no loss" : "result: LINES LOST OR DAMAGED");
     return clean;
 }
 
-// ---- Soak ----------------------------------------------------------------------------------
+// The session folders this run made, once checked: the files in them, then the folders. Only
+// files go (a sub-folder, which the library never makes, stops its folder's removal), and
+// nothing else under the camera root is touched.
+void RemoveFolders(const std::string& camera, const std::set<std::string>& folders) {
+    for (const std::string& folder : folders) {
+        const std::string path = camera + "/" + folder;
+        if (DIR* dir = opendir(path.c_str())) {
+            while (dirent* entry = readdir(dir)) {
+                if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
+                    unlinkat(dirfd(dir), entry->d_name, 0);
+                }
+            }
+            closedir(dir);
+        }
+        if (rmdir(path.c_str()) != 0) {
+            printf("note: cannot remove %s: %s\n", path.c_str(), strerror(errno));
+        }
+    }
+}
 
-constexpr unsigned kSoakSessionSeconds = 2;
-constexpr size_t kFlushBatch = 6;  // the text log's: a normal flush writes at 6 requests
-constexpr unsigned kWarmUpSessions = 3;
-constexpr double kGrowthToleranceMiB = 8.0;
+// ---- Soak ----------------------------------------------------------------------------------
 
 // Resident memory (VmRSS, KiB) once a second, from construction until Stop.
 class MemorySampler : public WakeableThread {
@@ -830,6 +1106,10 @@ class MemorySampler : public WakeableThread {
     size_t Count() {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_kib.size();
+    }
+    std::vector<long> Since(size_t first) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return {m_kib.begin() + static_cast<long>(std::min(first, m_kib.size())), m_kib.end()};
     }
     const std::vector<long>& Samples() const { return m_kib; }  // once stopped
 
@@ -851,15 +1131,19 @@ double MedianMiB(std::vector<long> kib) {
     return static_cast<double>(kib[kib.size() / 2]) / 1024.0;
 }
 
-// The curve, ten samples to a row, and the verdict on growth after the warm-up. Medians, since
-// a single sample may catch a few buckets more in flight while the flush thread runs late.
-bool PrintMemoryCurve(const std::vector<long>& kib, size_t warmUp) {
+// The curve, ten samples to a row.
+void PrintMemoryCurve(const std::vector<long>& kib) {
     printf("\nresident memory (VmRSS, MiB), one sample a second:\n");
     for (size_t i = 0; i < kib.size(); ++i) {
         if (i % 10 == 0) printf("%s%6zu s ", i == 0 ? "" : "\n", i);
         printf(" %6.1f", static_cast<double>(kib[i]) / 1024.0);
     }
     printf("\n");
+}
+
+// The verdict on growth after the warm-up. Medians, since a single sample may catch a few
+// buckets more in flight while the flush thread runs late.
+bool JudgeMemory(const std::vector<long>& kib, size_t warmUp) {
     const size_t lastThird = kib.size() - kib.size() / 3;
     if (warmUp == 0 || warmUp > lastThird || kib.size() < 3) {
         printf("memory: the run is too short to look past its warm-up of %zu s\n", warmUp);
@@ -872,6 +1156,18 @@ bool PrintMemoryCurve(const std::vector<long>& kib, size_t warmUp) {
            "grew %.1f MiB, at most %.0f MiB allowed: %s\n",
            warm, warmUp, late, late - warm, kGrowthToleranceMiB, within ? "within" : "GROWING");
     return within;
+}
+
+// A soak's line a minute: so that an hour's run shows it is alive, and how memory goes.
+void PrintSoakMinute(unsigned minute, unsigned sessions, unsigned long lines,
+                     std::vector<long> kib) {
+    if (kib.empty()) return;
+    std::sort(kib.begin(), kib.end());
+    const auto mib = [](long value) { return static_cast<double>(value) / 1024.0; };
+    printf("%4u min: %u sessions, %lu lines checked; VmRSS over the minute low %.1f, median "
+           "%.1f, high %.1f MiB\n",
+           minute, sessions, lines, mib(kib.front()), mib(kib[kib.size() / 2]), mib(kib.back()));
+    fflush(stdout);
 }
 
 // --duration: camera sessions with threads that come and go, each session checked after its
@@ -899,6 +1195,8 @@ int RunSoak(const Options& options, const Library& library, const std::string& c
     const std::set<std::string> before = SessionFolders(camera);
     const auto start = Clock::now();
     const auto end = start + std::chrono::seconds(options.duration);
+    unsigned minutes = 0;
+    size_t minuteFirstSample = 0;
     while (Clock::now() < end) {
         Run run;
         run.firstSession = ++sessions;
@@ -948,8 +1246,9 @@ int RunSoak(const Options& options, const Library& library, const std::string& c
         ReadBack(camera, folders, &landed);
         for (const auto& file : landed.files) unlink((camera + "/" + file.first).c_str());
         flusher.ReleaseCleanups();
-        const Tally tally = Account(run, &landed, false);
-        if (tally.lost != 0 || tally.duplicates != 0 || landed.outOfOrder != 0) {
+        const Tally tally = Account(run, &landed, nullptr);
+        const bool damaged = tally.lost != 0 || tally.duplicates != 0 || landed.outOfOrder != 0;
+        if ((damaged && !options.quiet) || options.verbose) {
             printf("session %u: logged %lu, landed %lu, lost %lu, duplicated %lu, out of order "
                    "%lu\n",
                    sessions, tally.logged, tally.landed, tally.lost, tally.duplicates,
@@ -962,6 +1261,11 @@ int RunSoak(const Options& options, const Library& library, const std::string& c
         total.duplicates += tally.duplicates;
         damage.outOfOrder += landed.outOfOrder;
         damage.foreign += landed.foreign;
+        if (!options.quiet && Clock::now() >= start + std::chrono::minutes(minutes + 1)) {
+            std::vector<long> minute = memory.Since(minuteFirstSample);
+            minuteFirstSample += minute.size();
+            PrintSoakMinute(++minutes, sessions, total.logged, std::move(minute));
+        }
     }
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     memory.Stop();
@@ -978,79 +1282,146 @@ int RunSoak(const Options& options, const Library& library, const std::string& c
            sessions, seconds, threads.load(), options.lines,
            seconds > 0 ? static_cast<double>(total.logged) / seconds : 0.0, flusher.Flushes(),
            flusher.Cleanups());
-    const bool memoryFlat = PrintMemoryCurve(memory.Samples(), warmUp);
+    const bool memoryFlat = JudgeMemory(memory.Samples(), warmUp);
     // Buckets nobody writes cost address space only, which resident memory does not show.
     printf("pool: %zu buckets after the warm-up, %zu at the end (it grows when more are in flight "
            "than ever before, and never shrinks)\n",
            warmPool, PoolPeek::Read().buckets);
+    PrintComplaints(library, camera, total);
     const bool clean = PrintTotals(library, total, damage, s_skipReports.load());
+    if (!options.quiet && (options.verbose || !clean || !memoryFlat)) {
+        PrintMemoryCurve(memory.Samples());
+    }
     return clean && memoryFlat ? kExitOk : kExitFindings;
+}
+
+// ---- Options ------------------------------------------------------------------------------
+
+enum OptionId : int {
+    kOptThreads = 256,
+    kOptLines,
+    kOptLength,
+    kOptSessions,
+    kOptLogSystemEvery,
+    kOptDuration,
+    kOptCloseWhileLogging,
+    kOptBench,
+    kOptAndroidLog,
+    kOptNoMembarrier,
+    kOptQuiet,
+    kOptKeep,
+    kOptLibrary,
+    kOptSysroot,
+};
+
+const struct option kLongOptions[] = {
+        {"threads", required_argument, nullptr, kOptThreads},
+        {"lines", required_argument, nullptr, kOptLines},
+        {"length", required_argument, nullptr, kOptLength},
+        {"sessions", required_argument, nullptr, kOptSessions},
+        {"logsystem-every", required_argument, nullptr, kOptLogSystemEvery},
+        {"duration", required_argument, nullptr, kOptDuration},
+        {"close-while-logging", no_argument, nullptr, kOptCloseWhileLogging},
+        {"bench", no_argument, nullptr, kOptBench},
+        {"android-log", no_argument, nullptr, kOptAndroidLog},
+        {"no-membarrier", no_argument, nullptr, kOptNoMembarrier},
+        {"quiet", no_argument, nullptr, kOptQuiet},
+        {"keep", no_argument, nullptr, kOptKeep},
+        {"library", required_argument, nullptr, kOptLibrary},
+        {"sysroot", required_argument, nullptr, kOptSysroot},
+        {"verbose", no_argument, nullptr, 'v'},
+        {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
+};
+
+// Reads one option into `options`; false, having said why, on a bad value.
+bool ReadOption(int id, const char* value, Options* options, bool* help) {
+    // A number within [min, max] into `field`: the reason names the option and the range.
+    const auto number = [&](unsigned long min, unsigned long max, auto* field) {
+        unsigned long parsed = 0;
+        if (ParseNumber(value, max, &parsed) && parsed >= min) {
+            *field = static_cast<std::remove_pointer_t<decltype(field)>>(parsed);
+            return true;
+        }
+        const option* named = kLongOptions;
+        while (named->val != id) ++named;
+        UsageError("session", "--%s needs a number from %lu to %lu, not '%s'", named->name, min,
+                   max, value);
+        return false;
+    };
+    switch (id) {
+        case kOptThreads:
+            return number(1, 1024, &options->threads);
+        case kOptLines:
+            return number(0, kMaxLines, &options->lines);
+        case kOptLength:
+            return number(32, 1000, &options->length);
+        case kOptSessions:
+            return number(1, 1000, &options->sessions);
+        case kOptLogSystemEvery:
+            return number(0, 1000000, &options->logSystemEvery);
+        case kOptDuration:
+            return number(1, 7 * 24 * 3600, &options->duration);
+        case kOptLibrary:
+            if (*value == '\0') {  // dlopen would hand back this program itself
+                UsageError("session", "--library needs a value");
+                return false;
+            }
+            options->library = value;
+            return true;
+        case kOptSysroot:
+            return CheckSysroot("session", value);
+    }
+    const std::pair<int, bool*> switches[] = {
+            {'h', help},
+            {'v', &options->verbose},
+            {kOptCloseWhileLogging, &options->closeWhileLogging},
+            {kOptBench, &options->bench},
+            {kOptAndroidLog, &options->androidLog},
+            {kOptNoMembarrier, &options->noMembarrier},
+            {kOptQuiet, &options->quiet},
+            {kOptKeep, &options->keep},
+    };
+    for (const auto& [switchId, field] : switches) *field = *field || switchId == id;
+    return true;
+}
+
+// Fills `options` from the command line; false, with the reason on stderr, on a bad argument.
+// `help` is set for --help.
+bool ReadOptions(int argc, char** argv, Options* options, bool* help) {
+    std::vector<const char*> operands;
+    const bool parsed = ParseOptions(
+            "session", argc, argv, "hv", kLongOptions,
+            [&](int id, const char* value) { return ReadOption(id, value, options, help); },
+            &operands);
+    if (!parsed) return false;
+    if (!operands.empty()) {
+        UsageError("session", "unexpected argument '%s'", operands[0]);
+        return false;
+    }
+    const char* clash = options->duration == 0 ? nullptr
+                        : options->bench       ? "--bench"
+                        : options->keep        ? "--keep"
+                                               : nullptr;
+    if (clash != nullptr) {
+        UsageError("session", "%s does not go with --duration", clash);
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
 
 int RunSession(int argc, char** argv) {
     Options options;
-    for (int i = 1; i < argc; ++i) {
-        const char* argument = argv[i];
-        const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
-        unsigned long number = 0;
-        auto numeric = [&](unsigned long max, unsigned long min) {
-            if (!ParseNumber(value, max, &number) || number < min) {
-                fprintf(stderr, "vxcamctl session: %s needs a number from %lu to %lu\n", argument,
-                        min, max);
-                return false;
-            }
-            ++i;
-            return true;
-        };
-        if (strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0) {
-            PrintSessionUsage(stdout);
-            return kExitOk;
-        } else if (strcmp(argument, "--threads") == 0) {
-            if (!numeric(1024, 1)) return kExitUsage;
-            options.threads = static_cast<unsigned>(number);
-        } else if (strcmp(argument, "--lines") == 0) {
-            if (!numeric(kMaxLines, 0)) return kExitUsage;
-            options.lines = number;
-        } else if (strcmp(argument, "--length") == 0) {
-            if (!numeric(1000, 32)) return kExitUsage;
-            options.length = static_cast<unsigned>(number);
-        } else if (strcmp(argument, "--sessions") == 0) {
-            if (!numeric(1000, 1)) return kExitUsage;
-            options.sessions = static_cast<unsigned>(number);
-        } else if (strcmp(argument, "--logsystem-every") == 0) {
-            if (!numeric(1000000, 0)) return kExitUsage;
-            options.logSystemEvery = static_cast<unsigned>(number);
-        } else if (strcmp(argument, "--duration") == 0) {
-            if (!numeric(7 * 24 * 3600, 1)) return kExitUsage;
-            options.duration = static_cast<unsigned>(number);
-        } else if (strcmp(argument, "--close-while-logging") == 0) {
-            options.closeWhileLogging = true;
-        } else if (strcmp(argument, "--bench") == 0) {
-            options.bench = true;
-        } else if (strcmp(argument, "--android-log") == 0) {
-            options.androidLog = true;
-        } else if (strcmp(argument, "--no-membarrier") == 0) {
-            options.noMembarrier = true;
-        } else if (strcmp(argument, "--quiet") == 0) {
-            options.quiet = true;
-        } else if (strcmp(argument, "--library") == 0 && value != nullptr) {
-            options.library = value;
-            ++i;
-        } else if (strcmp(argument, "--sysroot") == 0 && value != nullptr) {
-            ++i;  // applied before main
-        } else if (strncmp(argument, "--sysroot=", 10) == 0) {
-        } else {
-            fprintf(stderr, "vxcamctl session: unknown argument '%s'\n\n", argument);
-            PrintSessionUsage(stderr);
-            return kExitUsage;
-        }
-    }
-
-    if (options.bench && options.duration != 0) {
-        fprintf(stderr, "vxcamctl session: --bench and --duration do not go together\n");
+    bool help = false;
+    if (!ReadOptions(argc, argv, &options, &help)) {
+        fprintf(stderr, "(vxcamctl session --help lists the options)\n");
         return kExitUsage;
+    }
+    if (help) {
+        PrintSessionUsage(stdout);
+        return kExitOk;
     }
     if (options.noMembarrier && !DenyMembarrier()) {
         fprintf(stderr, "vxcamctl session: cannot deny membarrier to this process: %s\n",
@@ -1066,6 +1437,7 @@ int RunSession(int argc, char** argv) {
         return kExitUsage;
     }
     const std::set<std::string> before = SessionFolders(camera);
+    CatchInterrupt(camera);
 
     const int started = library.table.getSetting(kTextLog);
     if (started != 1) {
@@ -1123,7 +1495,14 @@ int RunSession(int argc, char** argv) {
     }
     Landed landed;
     ReadBack(camera, folders, &landed);
+    std::vector<ThreadTally> rows;
+    const Tally tally = Account(run, &landed, &rows);
+    const unsigned long skipReports = s_skipReports.load();
+    const bool clean = Clean(library, tally, landed, skipReports);
+    const bool remove = !options.keep && clean;
+    if (remove) RemoveFolders(camera, folders);
 
+    // The summary.
     const unsigned long total =
             static_cast<unsigned long>(options.threads) * options.lines * options.sessions;
     printf("sessions %u, threads %u, lines %lu each, %u bytes per line%s\n", options.sessions,
@@ -1131,19 +1510,28 @@ int RunSession(int argc, char** argv) {
            library.offlineEnabled && options.logSystemEvery != 0
                    ? ""
                    : " (no debug-frame lines: offline logging is off)");
-    printf("logged %lu lines in %.3f s: %.0f lines/s\n", total, run.loggingSeconds,
+    printf("logged %lu lines in %.3f s: %.0f lines/s over all threads, camera closes included\n",
+           total, run.loggingSeconds,
            run.loggingSeconds > 0 ? static_cast<double>(total) / run.loggingSeconds : 0.0);
     printf("flushes run by the trigger thread: %lu\n", flushes);
-    printf("written %llu bytes in %zu files, %zu session folders under %s\n", landed.bytes,
-           landed.files.size(), folders.size(), camera.c_str());
-    if (!options.bench) {
-        for (const auto& [name, size] : landed.files) printf("  %s  %llu\n", name.c_str(), size);
-    }
+    printf("written %llu bytes in %zu files, %zu session folders under %s%s\n", landed.bytes,
+           landed.files.size(), folders.size(), camera.c_str(),
+           folders.empty() ? ""
+           : remove        ? ": removed (--keep keeps them)"
+           : options.keep  ? ": kept"
+                           : ": kept for a look, as the check failed");
     PrintMemory(idleKiB, peakKiB, run.pool);
     if (options.bench) PrintBench(options, library, run, landed.bytes, flushSeconds);
+    PrintComplaints(library, camera, tally);
+    PrintTotals(library, tally, landed, skipReports);
 
-    const Tally tally = Account(run, &landed, true);
-    return PrintTotals(library, tally, landed, s_skipReports.load()) ? kExitOk : kExitFindings;
+    // The details.
+    if (!options.quiet && (options.verbose || !clean)) {
+        printf("\nfiles:%s\n", landed.files.empty() ? " none" : "");
+        for (const auto& [name, size] : landed.files) printf("  %s  %llu\n", name.c_str(), size);
+        PrintThreadTallies(rows);
+    }
+    return clean ? kExitOk : kExitFindings;
 }
 
 }  // namespace vxcamctl

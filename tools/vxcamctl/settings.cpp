@@ -1,5 +1,6 @@
 // vxcamctl settings: the effective settings, and a lint for override files.
 #include <ctype.h>
+#include <dlfcn.h>
 #include <errno.h>
 #include <limits.h>
 #include <stdarg.h>
@@ -8,12 +9,13 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
+
+#include <cutils/properties.h>
 
 #include "Commands.h"
 #include "VxCamSettingCatalogue.h"
@@ -87,24 +89,6 @@ std::string EffectiveText(const SettingDefault& row) {
     return "";
 }
 
-int PrintSettings() {
-    const char* sysroot = getenv("VXCAM_SYSROOT");
-    printf("# settings as libvxcamcommonutils loaded them (sysroot: %s)\n",
-           sysroot != nullptr && sysroot[0] != '\0' ? sysroot : "/");
-    printf("%-30s %-10s %s\n", "NAME", "KIND", "VALUE");
-    for (const SettingDefault& row : kSettingCatalogue) {
-        const std::string effective = EffectiveText(row);
-        const std::string builtIn = DefaultText(row);
-        if (effective == builtIn) {
-            printf("%-30s %-10s %s\n", row.name, KindName(row.type), effective.c_str());
-        } else {
-            printf("%-30s %-10s %s  (default %s)\n", row.name, KindName(row.type),
-                   effective.c_str(), builtIn.c_str());
-        }
-    }
-    return kExitOk;
-}
-
 // ---- The override-file lint ----------------------------------------------------------------
 
 size_t EditDistance(const std::string& a, const std::string& b) {
@@ -134,6 +118,29 @@ const char* NearestName(const std::string& key) {
         }
     }
     return best;
+}
+
+// The loader reads the file with fgets into kOverrideLineSize bytes: a longer line arrives in
+// pieces, each read as a line of its own. Calls onLine(number, line) for each line of the file and
+// onPiece(number, piece) for each read the loader makes of it. Returns the read error, or 0.
+template <typename OnLine, typename OnPiece>
+int ReadOverrideLines(FILE* file, OnLine onLine, OnPiece onPiece) {
+    char* line = nullptr;
+    size_t capacity = 0;
+    ssize_t length = 0;
+    unsigned lineNumber = 0;
+    const size_t pieceSize = VxCam::kOverrideLineSize - 1;
+    while ((length = getline(&line, &capacity, file)) >= 0) {
+        ++lineNumber;
+        const std::string whole(line, static_cast<size_t>(length));
+        onLine(lineNumber, whole);
+        for (size_t at = 0; at < whole.size(); at += pieceSize) {
+            onPiece(lineNumber, whole.substr(at, pieceSize));
+        }
+    }
+    const int error = ferror(file) != 0 ? errno : 0;
+    free(line);
+    return error;
 }
 
 class Linter {
@@ -317,36 +324,144 @@ class Linter {
 };
 
 int CheckOverrideFile(const char* path) {
-    FILE* file = fopen(path, "r");
-    if (file == nullptr) {
-        fprintf(stderr, "vxcamctl settings: cannot open '%s': %s\n", path, strerror(errno));
+    FILE* file = OpenInput("settings", path);
+    if (file == nullptr) return kExitUsage;
+    Linter linter(path);
+    const size_t pieceSize = VxCam::kOverrideLineSize - 1;
+    const int error = ReadOverrideLines(
+            file,
+            [&](unsigned lineNumber, const std::string& whole) {
+                const size_t content =
+                        whole.size() - (!whole.empty() && whole.back() == '\n' ? 1 : 0);
+                if (content > pieceSize) {
+                    linter.ReportLongLine(lineNumber, content,
+                                          (whole.size() + pieceSize - 1) / pieceSize);
+                }
+            },
+            [&](unsigned lineNumber, const std::string& piece) {
+                linter.CheckPiece(lineNumber, piece);
+            });
+    fclose(file);
+    if (error != 0) {
+        fprintf(stderr, "vxcamctl settings: cannot read '%s': %s\n", path, strerror(error));
         return kExitUsage;
     }
-    Linter linter(path);
-    char* line = nullptr;
-    size_t capacity = 0;
-    ssize_t length = 0;
-    unsigned lineNumber = 0;
-    const size_t pieceSize = VxCam::kOverrideLineSize - 1;
-    while ((length = getline(&line, &capacity, file)) >= 0) {
-        ++lineNumber;
-        const std::string whole(line, static_cast<size_t>(length));
-        const size_t content = whole.size() - (!whole.empty() && whole.back() == '\n' ? 1 : 0);
-        if (content > pieceSize) {
-            linter.ReportLongLine(lineNumber, content, (whole.size() + pieceSize - 1) / pieceSize);
-        }
-        for (size_t at = 0; at < whole.size(); at += pieceSize) {
-            linter.CheckPiece(lineNumber, whole.substr(at, pieceSize));
-        }
-    }
-    free(line);
-    fclose(file);
     if (linter.Findings() == 0) {
         printf("%s: no problems found\n", path);
         return kExitOk;
     }
     printf("%s: %u problem%s found\n", path, linter.Findings(), linter.Findings() == 1 ? "" : "s");
     return kExitFindings;
+}
+
+// ---- The settings listing --------------------------------------------------------------------
+
+// The host port's property calls, looked up at run time: the port is the library's dependency,
+// not this program's, so the linker does not hand its names to vxcamctl.
+struct PropertyCalls {
+    decltype(&property_get) get =
+            reinterpret_cast<decltype(&property_get)>(dlsym(RTLD_DEFAULT, "property_get"));
+    decltype(&property_list) list =
+            reinterpret_cast<decltype(&property_list)>(dlsym(RTLD_DEFAULT, "property_list"));
+};
+
+// Where each value came from. The loader keeps no record, so its layers are read again as it
+// reads them: defaults, the feature overlay, the override file (last line wins), then properties.
+// A value that neither the file nor a property set, yet differs from its default, can only come
+// from the feature overlay.
+struct Layers {
+    std::string overridePath = DevicePath(VxCam::kOverrideSettingsPath);
+    std::string overrideState;  // why the file was not read, if it was not
+    unsigned fileLine[VxCam::kSettingCount] = {};
+    bool property[VxCam::kSettingCount] = {};
+
+    explicit Layers(const PropertyCalls& properties) {
+        FILE* file = fopen(overridePath.c_str(), "r");
+        if (file == nullptr) {
+            overrideState = errno == ENOENT ? "absent" : Format("unreadable: %s", strerror(errno));
+        } else {
+            const int error = ReadOverrideLines(
+                    file, [](unsigned, const std::string&) {},
+                    [&](unsigned lineNumber, const std::string& piece) {
+                        char line[VxCam::kOverrideLineSize];
+                        VxCam::OsUtils::StrLCpy(line, piece.c_str(), sizeof(line));
+                        char compact[VxCam::kOverrideLineSize];
+                        char* key = nullptr;
+                        char* value = nullptr;
+                        if (!VxCam::ParseOverrideLine(line, compact, &key, &value)) return;
+                        const int index = VxCam::FindSettingRow(key);
+                        if (index >= 0) fileLine[index] = lineNumber;
+                    });
+            if (error != 0) overrideState = Format("unreadable: %s", strerror(error));
+            fclose(file);
+        }
+        for (size_t i = 0; i < VxCam::kSettingCount && properties.get != nullptr; ++i) {
+            const std::string name =
+                    std::string(VxCam::kSettingPropertyPrefix) + kSettingCatalogue[i].name;
+            char value[PROPERTY_VALUE_MAX];
+            property[i] = properties.get(name.c_str(), value, "") > 0;
+        }
+    }
+
+    std::string From(size_t index, bool isDefault) const {
+        if (property[index]) return "property";
+        if (fileLine[index] != 0) return Format("override:%u", fileLine[index]);
+        return isDefault ? "default" : "feature";
+    }
+};
+
+// A property under the settings' prefix that names no setting is a typo the library passes over
+// in silence. Returns how many there are.
+unsigned WarnAboutUnknownProperties(const PropertyCalls& properties) {
+    if (properties.list == nullptr) return 0;
+    std::vector<std::string> unknown;
+    properties.list(
+            [](const char* key, const char*, void* cookie) {
+                const size_t prefix = strlen(VxCam::kSettingPropertyPrefix);
+                if (strncmp(key, VxCam::kSettingPropertyPrefix, prefix) == 0 &&
+                    VxCam::FindSettingRow(key + prefix) < 0) {
+                    static_cast<std::vector<std::string>*>(cookie)->push_back(key);
+                }
+            },
+            &unknown);
+    for (const std::string& key : unknown) {
+        fprintf(stderr,
+                "vxcamctl settings: property '%s' names no setting (nearest setting: '%s'): the "
+                "library ignores it\n",
+                key.c_str(), NearestName(key.substr(strlen(VxCam::kSettingPropertyPrefix))));
+    }
+    return static_cast<unsigned>(unknown.size());
+}
+
+int PrintSettings() {
+    const PropertyCalls properties;
+    const Layers layers(properties);
+    const char* sysroot = getenv("VXCAM_SYSROOT");
+    printf("# settings as libvxcamcommonutils loaded them (sysroot: %s)\n",
+           sysroot != nullptr && sysroot[0] != '\0' ? sysroot : "/");
+    printf("# FROM, the layer each value came from, each layer over the one before:\n"
+           "#   default\n"
+           "#   feature        the maker's feature switches\n"
+           "#   override:LINE  %s%s%s%s\n"
+           "#   property       %s<NAME> in %s\n",
+           layers.overridePath.c_str(), layers.overrideState.empty() ? "" : " (",
+           layers.overrideState.c_str(), layers.overrideState.empty() ? "" : ")",
+           VxCam::kSettingPropertyPrefix, DevicePath("/vendor/build.prop").c_str());
+    printf("%-30s %-10s %-13s %s\n", "NAME", "KIND", "FROM", "VALUE");
+    for (size_t i = 0; i < VxCam::kSettingCount; ++i) {
+        const SettingDefault& row = kSettingCatalogue[i];
+        const std::string effective = EffectiveText(row);
+        const std::string builtIn = DefaultText(row);
+        const std::string from = layers.From(i, effective == builtIn);
+        if (effective == builtIn) {
+            printf("%-30s %-10s %-13s %s\n", row.name, KindName(row.type), from.c_str(),
+                   effective.c_str());
+        } else {
+            printf("%-30s %-10s %-13s %s  (default %s)\n", row.name, KindName(row.type),
+                   from.c_str(), effective.c_str(), builtIn.c_str());
+        }
+    }
+    return WarnAboutUnknownProperties(properties) == 0 ? kExitOk : kExitFindings;
 }
 
 void PrintSettingsUsage(FILE* out) {
@@ -356,8 +471,11 @@ void PrintSettingsUsage(FILE* out) {
             "\n"
             "Without --check, prints every setting as the library loaded it: built-in default,\n"
             "then the feature overlay, <sysroot>/vendor/etc/camera/vxcamoverridesettings.txt and\n"
-            "the properties vendor.camera.vcf.<name> of <sysroot>/vendor/build.prop. Values that\n"
-            "differ from the built-in default show it in brackets.\n"
+            "the properties vendor.camera.vcf.<name> of <sysroot>/vendor/build.prop. FROM names\n"
+            "the layer each value came from (override:LINE for a line of the file); values that\n"
+            "differ from the built-in default show it in brackets. A property under\n"
+            "vendor.camera.vcf. that names no setting is reported with the nearest name; exit\n"
+            "status 1 then.\n"
             "\n"
             "With --check, reads FILE as the library reads an override file and reports, line by\n"
             "line, what it would skip or misread. Exit status 1 when anything was found.\n"
@@ -365,42 +483,38 @@ void PrintSettingsUsage(FILE* out) {
             "options:\n"
             "  --sysroot DIR  take device paths under DIR (default: $VXCAM_SYSROOT, else /)\n"
             "  --check FILE   lint FILE instead of printing the settings\n"
-            "  --help         show this text\n");
+            "  -h, --help     show this text\n");
 }
 
 }  // namespace
 
 int RunSettings(int argc, char** argv) {
+    static const option kOptions[] = {
+            {"check", required_argument, nullptr, 'c'},
+            {"sysroot", required_argument, nullptr, 's'},
+            {"help", no_argument, nullptr, 'h'},
+            {nullptr, 0, nullptr, 0},
+    };
     const char* checkFile = nullptr;
-    const char* sysroot = nullptr;
-    for (int i = 1; i < argc; ++i) {
-        const char* argument = argv[i];
-        if (strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0) {
-            PrintSettingsUsage(stdout);
-            return kExitOk;
-        }
-        if ((strcmp(argument, "--check") == 0 || strcmp(argument, "--sysroot") == 0)) {
-            if (i + 1 >= argc) {
-                fprintf(stderr, "vxcamctl settings: %s needs a value\n", argument);
-                return kExitUsage;
-            }
-            (strcmp(argument, "--check") == 0 ? checkFile : sysroot) = argv[++i];
-        } else if (strncmp(argument, "--check=", 8) == 0) {
-            checkFile = argument + 8;
-        } else if (strncmp(argument, "--sysroot=", 10) == 0) {
-            sysroot = argument + 10;
-        } else {
-            fprintf(stderr, "vxcamctl settings: unexpected argument '%s'\n\n", argument);
-            PrintSettingsUsage(stderr);
-            return kExitUsage;
-        }
+    bool help = false;
+    std::vector<const char*> operands;
+    // --sysroot took effect before the library loaded; here it is only checked.
+    const bool parsed = ParseOptions(
+            "settings", argc, argv, "h", kOptions,
+            [&](int id, const char* value) {
+                if (id == 'c') checkFile = value;
+                if (id == 'h') help = true;
+                return id != 's' || CheckSysroot("settings", value);
+            },
+            &operands);
+    if (!parsed) return kExitUsage;
+    if (help) {
+        PrintSettingsUsage(stdout);
+        return kExitOk;
     }
-    if (sysroot != nullptr) {
-        struct stat info;
-        if (stat(sysroot, &info) != 0 || !S_ISDIR(info.st_mode)) {
-            fprintf(stderr, "vxcamctl settings: sysroot '%s' is not a directory\n", sysroot);
-            return kExitUsage;
-        }
+    if (!operands.empty()) {
+        return UsageError("settings", "unexpected argument '%s': settings takes only options",
+                          operands[0]);
     }
     if (checkFile != nullptr) return CheckOverrideFile(checkFile);
     return PrintSettings();

@@ -21,10 +21,7 @@ using VxCam::OsUtils;
 
 void PrintZlibUsage(FILE* out) {
     fprintf(out,
-            "usage: vxcamctl zlib compress FILE [-o OUT]\n"
-            "       vxcamctl zlib decompress FILE [-o OUT]\n"
-            "       vxcamctl zlib estimate FILE\n"
-            "       vxcamctl zlib crc32 FILE\n"
+            "usage: vxcamctl zlib compress|decompress|estimate|crc32 FILE [-o OUT]\n"
             "\n"
             "Runs the library's zlib services on FILE, as the HAL does on a buffer. Streams\n"
             "are in the zlib format (RFC 1950), which Python's zlib module and 'pigz -z' read\n"
@@ -35,15 +32,17 @@ void PrintZlibUsage(FILE* out) {
             "  decompress  measure the stream, then decompress it into a buffer of that estimate\n"
             "  estimate    print the capacity a HAL must give to decompress FILE: the\n"
             "              decompressed size plus the library's 128 bytes of slack\n"
-            "  crc32       print the CRC-32 of FILE (from 0) as 8 hex digits\n"
+            "  crc32       print the CRC-32 of FILE (from 0) as 8 hex digits; FILE is read a\n"
+            "              piece at a time, so it may be of any size\n"
             "\n"
-            "Output goes to OUT, or to standard output. Exit status 1 when the library's call\n"
-            "failed (for example a corrupt or truncated stream).\n"
+            "Output, data or the printed number, goes to OUT, or to standard output. Exit\n"
+            "status 1 when the library's call failed (for example a corrupt or truncated\n"
+            "stream).\n"
             "\n"
             "options:\n"
             "  -o, --output OUT  write the result to OUT\n"
             "  -v, --verbose     show the library's own messages (zlib's result codes)\n"
-            "  --help            show this text\n");
+            "  -h, --help        show this text\n");
 }
 
 int WriteOutput(const char* path, const uint8_t* data, size_t size) {
@@ -53,12 +52,18 @@ int WriteOutput(const char* path, const uint8_t* data, size_t size) {
         return kExitUsage;
     }
     const bool written = fwrite(data, 1, size, out) == size;
+    const int error = written ? 0 : errno;
     const bool closed = out == stdout ? fflush(out) == 0 : fclose(out) == 0;
     if (!written || !closed) {
-        fprintf(stderr, "vxcamctl zlib: cannot write '%s'\n", path != nullptr ? path : "stdout");
+        fprintf(stderr, "vxcamctl zlib: cannot write '%s': %s\n", path != nullptr ? path : "stdout",
+                strerror(written ? errno : error));
         return kExitUsage;
     }
     return kExitOk;
+}
+
+int WriteText(const char* path, const std::string& text) {
+    return WriteOutput(path, reinterpret_cast<const uint8_t*>(text.data()), text.size());
 }
 
 int Compress(const char* input, const std::vector<uint8_t>& data, const char* output) {
@@ -99,66 +104,86 @@ int Decompress(const char* input, const std::vector<uint8_t>& data, const char* 
     return WriteOutput(output, buffer.data(), length);
 }
 
+// The CRC needs no whole buffer: the library's call takes the CRC so far, so any length streams
+// through it a chunk at a time in constant memory.
+int Crc32(const char* input, const char* output) {
+    FILE* file = OpenInput("zlib", input);
+    if (file == nullptr) return kExitUsage;
+    unsigned long crc = 0;
+    uint8_t chunk[65536];
+    size_t got = 0;
+    while ((got = fread(chunk, 1, sizeof(chunk), file)) > 0) {
+        crc = OsUtils::ComputeCRC32(crc, chunk, static_cast<uint32_t>(got));
+    }
+    const int error = ferror(file) != 0 ? errno : 0;
+    fclose(file);
+    if (error != 0) {
+        fprintf(stderr, "vxcamctl zlib: cannot read '%s': %s\n", input, strerror(error));
+        return kExitUsage;
+    }
+    return WriteText(output, Format("%08lx\n", crc));
+}
+
 }  // namespace
 
 int RunZlib(int argc, char** argv) {
-    const char* operation = nullptr;
-    const char* input = nullptr;
+    static const option kOptions[] = {
+            {"output", required_argument, nullptr, 'o'},
+            {"verbose", no_argument, nullptr, 'v'},
+            {"help", no_argument, nullptr, 'h'},
+            {nullptr, 0, nullptr, 0},
+    };
     const char* output = nullptr;
-    for (int i = 1; i < argc; ++i) {
-        const char* argument = argv[i];
-        if (strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0) {
-            PrintZlibUsage(stdout);
-            return kExitOk;
-        }
-        if (strcmp(argument, "-o") == 0 || strcmp(argument, "--output") == 0) {
-            if (i + 1 >= argc) {
-                fprintf(stderr, "vxcamctl zlib: %s needs a value\n", argument);
-                return kExitUsage;
-            }
-            output = argv[++i];
-        } else if (strncmp(argument, "--output=", 9) == 0) {
-            output = argument + 9;
-        } else if (strcmp(argument, "-v") == 0 || strcmp(argument, "--verbose") == 0) {
-            VxCam::g_logInfo.infoMask |= VXCAM_GROUP_BIT_UTILS;
-            VxCam::g_logInfo.verboseMask |= VXCAM_GROUP_BIT_UTILS;
-        } else if (operation == nullptr) {
-            operation = argument;
-        } else if (input == nullptr) {
-            input = argument;
-        } else {
-            fprintf(stderr, "vxcamctl zlib: unexpected argument '%s'\n", argument);
-            return kExitUsage;
-        }
+    bool help = false;
+    std::vector<const char*> operands;
+    const bool parsed = ParseOptions(
+            "zlib", argc, argv, "o:vh", kOptions,
+            [&](int id, const char* value) {
+                if (id == 'o') output = value;
+                if (id == 'h') help = true;
+                if (id == 'v') {
+                    VxCam::g_logInfo.infoMask |= VXCAM_GROUP_BIT_UTILS;
+                    VxCam::g_logInfo.verboseMask |= VXCAM_GROUP_BIT_UTILS;
+                }
+                return true;
+            },
+            &operands);
+    if (!parsed) return kExitUsage;
+    if (help) {
+        PrintZlibUsage(stdout);
+        return kExitOk;
     }
-    const bool known = operation != nullptr &&
-                       (strcmp(operation, "compress") == 0 || strcmp(operation, "decompress") == 0 ||
-                        strcmp(operation, "estimate") == 0 || strcmp(operation, "crc32") == 0);
-    if (!known || input == nullptr) {
-        if (operation != nullptr && !known) {
-            fprintf(stderr, "vxcamctl zlib: unknown operation '%s'\n\n", operation);
-        }
+    if (operands.empty()) {
         PrintZlibUsage(stderr);
         return kExitUsage;
     }
-    const bool writesData = strcmp(operation, "compress") == 0;
-    if (writesData && output == nullptr && isatty(STDOUT_FILENO)) {
-        fprintf(stderr, "vxcamctl zlib: not writing a compressed stream to a terminal; use -o\n");
-        return kExitUsage;
+    const char* operation = operands[0];
+    const bool known = strcmp(operation, "compress") == 0 || strcmp(operation, "decompress") == 0 ||
+                       strcmp(operation, "estimate") == 0 || strcmp(operation, "crc32") == 0;
+    if (!known) {
+        return UsageError("zlib",
+                          "unknown operation '%s'; the operations are compress, decompress, "
+                          "estimate and crc32",
+                          operation);
     }
+    if (operands.size() < 2) return UsageError("zlib", "%s needs a FILE", operation);
+    if (operands.size() > 2) {
+        return UsageError("zlib", "unexpected argument '%s': %s takes one FILE", operands[2],
+                          operation);
+    }
+    const char* input = operands[1];
+    if (strcmp(operation, "compress") == 0 && output == nullptr && isatty(STDOUT_FILENO)) {
+        return UsageError("zlib", "not writing a compressed stream to a terminal; use -o");
+    }
+    if (strcmp(operation, "crc32") == 0) return Crc32(input, output);
 
     std::vector<uint8_t> data;
     if (!ReadWholeFile("zlib", input, &data)) return kExitUsage;
     if (strcmp(operation, "compress") == 0) return Compress(input, data, output);
     if (strcmp(operation, "decompress") == 0) return Decompress(input, data, output);
-    if (strcmp(operation, "estimate") == 0) {
-        uint32_t estimate = 0;
-        if (!Estimate(input, data, &estimate)) return kExitFindings;
-        printf("%u\n", estimate);
-        return kExitOk;
-    }
-    printf("%08lx\n", OsUtils::ComputeCRC32(0, data.data(), static_cast<uint32_t>(data.size())));
-    return kExitOk;
+    uint32_t estimate = 0;
+    if (!Estimate(input, data, &estimate)) return kExitFindings;
+    return WriteText(output, Format("%u\n", estimate));
 }
 
 }  // namespace vxcamctl
