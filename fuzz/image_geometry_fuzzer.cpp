@@ -1,8 +1,8 @@
 // Image geometry over every format value (and one more taken from the input) with fuzzed
 // alignments and sizes, the JPEG blob trailer of fuzzed buffers, and GetFileNameToken on fuzzed
 // names. Under UndefinedBehaviorSanitizer: 32-bit geometry wraps by contract, and nothing here may
-// overflow a signed value, shift out of range or load misaligned. Unknown formats must give the
-// fixed fallbacks.
+// overflow a signed value, shift out of range or load misaligned. Every unknown format must answer
+// alike.
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -126,8 +126,7 @@ void CheckFormat(uint32_t value, uint32_t alignment, uint32_t width, uint32_t he
     const uint32_t layers = VxImageUtils::GetLayerCount(format);
     FUZZ_CHECK(layers == 1 || layers == 3);
     const ImageFormat converted = VxImageUtils::ConvertFormat(value);
-    FUZZ_CHECK(converted ==
-               (value < VxCam::Max && value != 20 && value != 21 ? format : VxCam::Max));
+    FUZZ_CHECK(converted == format || converted == VxCam::Max);
     const uint32_t halFormat = VxImageUtils::ConvertGraphicFormat(format);
     FUZZ_CHECK(halFormat != VxCam::kNoHalFormat);
     const std::string name = VxImageUtils::ImageFormatToString(format);
@@ -141,10 +140,16 @@ void CheckFormat(uint32_t value, uint32_t alignment, uint32_t width, uint32_t he
     CheckSize(row.size, width, height, maxJpeg, size);
 
     if (value >= VxCam::Max) {
-        // Unknown values: the fixed fallbacks, whatever the sizes.
-        FUZZ_CHECK(planeAlignment == 2 && sliceAlignment == 2 && layers == 1);
-        FUZZ_CHECK(halFormat == 32 && name.empty() && size == 0);
-        FUZZ_CHECK(stride == width && slice == height);
+        // Every unknown value answers as the first one does, whatever the sizes.
+        const ImageFormat max = VxCam::Max;
+        FUZZ_CHECK(planeAlignment == VxImageUtils::GetPlaneAlignment(max) &&
+                   sliceAlignment == VxImageUtils::GetSliceAlignment(max) &&
+                   layers == VxImageUtils::GetLayerCount(max));
+        FUZZ_CHECK(halFormat == VxImageUtils::ConvertGraphicFormat(max) &&
+                   name == VxImageUtils::ImageFormatToString(max) && converted == max);
+        FUZZ_CHECK(stride == VxImageUtils::GetBufferStride(alignment, width, max) &&
+                   slice == VxImageUtils::GetSliceHeight(alignment, height, max) &&
+                   size == VxImageUtils::GetBufferSize(max, width, height, flag));
     }
 }
 

@@ -4,10 +4,11 @@
 #define VXCAM_TEST_SUPPORT_H
 
 #include <fcntl.h>
-#include <poll.h>
+#include <gtest/gtest.h>
 #include <spawn.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -37,20 +38,20 @@ struct LogLine {
 class LogCapture {
   public:
     LogCapture() {
-        std::lock_guard<std::mutex> lock(Mutex());
-        Current() = this;
+        std::lock_guard<std::mutex> lock(s_mutex);
+        s_current = this;
         VxCamLogSetSink(Record);
     }
     ~LogCapture() {
         VxCamLogSetSink(nullptr);
-        std::lock_guard<std::mutex> lock(Mutex());
-        Current() = nullptr;
+        std::lock_guard<std::mutex> lock(s_mutex);
+        s_current = nullptr;
     }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<LogLine> Lines() const {
-        std::lock_guard<std::mutex> lock(Mutex());
+        std::lock_guard<std::mutex> lock(s_mutex);
         return m_lines;
     }
     std::vector<std::string> Messages() const {
@@ -59,7 +60,7 @@ class LogCapture {
         return messages;
     }
     void Clear() {
-        std::lock_guard<std::mutex> lock(Mutex());
+        std::lock_guard<std::mutex> lock(s_mutex);
         m_lines.clear();
     }
     // Whether any recorded message contains `text`.
@@ -71,21 +72,15 @@ class LogCapture {
     }
 
   private:
-    static std::mutex& Mutex() {
-        static std::mutex mutex;
-        return mutex;
-    }
-    static LogCapture*& Current() {
-        static LogCapture* current = nullptr;
-        return current;
-    }
     static void Record(const VxCamLogMessage* message) {
-        std::lock_guard<std::mutex> lock(Mutex());
-        if (Current() == nullptr) return;
-        Current()->m_lines.push_back({message->priority, message->tag ? message->tag : "",
+        std::lock_guard<std::mutex> lock(s_mutex);
+        if (s_current == nullptr) return;
+        s_current->m_lines.push_back({message->priority, message->tag ? message->tag : "",
                                       message->message ? message->message : ""});
     }
 
+    inline static std::mutex s_mutex;
+    inline static LogCapture* s_current = nullptr;
     std::vector<LogLine> m_lines;
 };
 
@@ -137,11 +132,11 @@ struct ProcessResult {
     std::string err;
 };
 
-// Runs argv[0] with this process's environment plus `env` (a value of nullptr-equivalent "\x01"
-// removes the variable), collecting both output streams.
+// Runs argv[0] with this process's environment plus `env` (a value of "\x01" removes the
+// variable), its output streams kept in memory files until it ends.
 inline ProcessResult RunProcess(const std::vector<std::string>& argv,
                                 const std::map<std::string, std::string>& env = {}) {
-    std::vector<std::string> environment;
+    std::vector<std::string> environment, arguments = argv;
     for (char** entry = environ; *entry != nullptr; ++entry) {
         const std::string text = *entry;
         if (env.count(text.substr(0, text.find('='))) == 0) environment.push_back(text);
@@ -151,52 +146,30 @@ inline ProcessResult RunProcess(const std::vector<std::string>& argv,
     }
     std::vector<char*> envp, args;
     for (std::string& text : environment) envp.push_back(text.data());
+    for (std::string& text : arguments) args.push_back(text.data());
     envp.push_back(nullptr);
-    std::vector<std::string> argCopy = argv;
-    for (std::string& text : argCopy) args.push_back(text.data());
     args.push_back(nullptr);
 
-    int outPipe[2], errPipe[2];
-    ProcessResult result;
-    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) return result;
+    const int out = memfd_create("stdout", MFD_CLOEXEC), err = memfd_create("stderr", MFD_CLOEXEC);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
+    posix_spawn_file_actions_adddup2(&actions, out, 1);
+    posix_spawn_file_actions_adddup2(&actions, err, 2);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     pid_t pid = -1;
     const int spawned = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
-    close(outPipe[1]);
-    close(errPipe[1]);
-    if (spawned != 0) {
-        close(outPipe[0]);
-        close(errPipe[0]);
-        result.err = "spawn failed: " + std::string(strerror(spawned));
-        return result;
-    }
-    pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
-    std::string* sinks[2] = {&result.out, &result.err};
-    int open = 2;
-    while (open > 0) {
-        if (poll(fds, 2, -1) < 0) break;
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-            char buffer[65536];
-            const ssize_t got = read(fds[i].fd, buffer, sizeof(buffer));
-            if (got > 0) {
-                sinks[i]->append(buffer, static_cast<size_t>(got));
-            } else {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                --open;
-            }
-        }
-    }
+    ProcessResult result;
     int status = 0;
-    waitpid(pid, &status, 0);
-    if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+    if (spawned == 0 && waitpid(pid, &status, 0) == pid) {
+        if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
+        if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+    }
+    result.out = ReadFile("/proc/self/fd/" + std::to_string(out));
+    result.err = ReadFile("/proc/self/fd/" + std::to_string(err));
+    if (spawned != 0) result.err += "spawn failed: " + std::string(strerror(spawned));
+    close(out);
+    close(err);
     return result;
 }
 
@@ -241,6 +214,41 @@ inline ProcessResult RunVxcamctl(const std::vector<std::string>& arguments,
     std::vector<std::string> argv = {Vxcamctl()};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     return RunProcess(argv, {{"ANDROID_LOG_TAGS", logTags}});
+}
+
+// A vxcamctl command line and what it must answer: the exit status, and texts its output holds in
+// this order (stdout, then stderr) or must not hold. A usage error (status 2) says so on stderr
+// alone.
+struct ToolCase {
+    std::vector<std::string> arguments;
+    int exitCode;
+    std::vector<std::string> present;
+    std::vector<std::string> absent = {};
+    std::string logTags = "*:s";
+};
+
+inline ProcessResult ExpectTool(const ToolCase& c) {
+    const ProcessResult result = RunVxcamctl(c.arguments, c.logTags);
+    std::string command = "vxcamctl";
+    for (const std::string& argument : c.arguments) command += " " + argument;
+    const std::string output = c.exitCode == 2 ? result.err : result.out + result.err;
+    EXPECT_EQ(result.exitCode, c.exitCode) << command << "\n" << result.out << result.err;
+    if (c.exitCode == 2) {
+        EXPECT_EQ(result.out, "") << command;
+    }
+    size_t from = 0;
+    for (const std::string& text : c.present) {
+        const size_t at = output.find(text, from);
+        EXPECT_NE(at, std::string::npos) << command << "\nmissing or out of order: " << text << "\n"
+                                         << output;
+        if (at != std::string::npos) from = at + text.size();
+    }
+    for (const std::string& text : c.absent) {
+        EXPECT_EQ(output.find(text), std::string::npos)
+                << command << "\nunexpected: " << text << "\n"
+                << output;
+    }
+    return result;
 }
 #endif
 
