@@ -1,15 +1,14 @@
-// The offline logger: capture boundaries, flushing and file naming, sessions, the pool, the entry
-// table. Loggers under test are derived instances with small buckets; every test logs from fresh
-// threads, since the capture keeps its state per thread and per type.
+// The offline logger: capture boundaries, flushing and file naming, sessions, the pool, retention,
+// the status report, crash backup, the entry table. Loggers under test are derived instances with
+// small buckets; every test logs from fresh threads, since the capture keeps its state per thread
+// and per type.
 #include "VxCamOfflineLogger.h"
 
 #include <dlfcn.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,6 +31,7 @@
 #include "TestSupport.h"
 
 using namespace VxCam;
+using namespace vxcamtest;
 namespace fs = std::filesystem;
 
 // Records the mode of every file opened for writing under a test root: the library's. The tests'
@@ -73,16 +73,6 @@ extern "C" pid_t gettid() noexcept {
 
 namespace {
 
-using vxcamtest::kT1;
-using vxcamtest::OnNewThread;
-using vxcamtest::TestLogger;
-
-std::string Line(const char* tag, int n, size_t width = 16) {
-    std::string line = std::string(tag) + "-" + std::to_string(n);
-    line.resize(width - 1, '.');
-    return line + "\n";
-}
-
 class OfflineLoggerTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -100,14 +90,12 @@ class OfflineLoggerTest : public ::testing::Test {
     // Every file of the session folder, by name.
     std::map<std::string, std::string> Files() const {
         std::map<std::string, std::string> files;
-        if (!fs::exists(Folder())) return files;
-        for (const auto& entry : fs::directory_iterator(Folder())) {
-            files[entry.path().filename().string()] = vxcamtest::ReadFile(entry.path().string());
-        }
+        for (const auto& [path, text] : FilesUnder(Folder()))
+            files[fs::path(path).filename()] = text;
         return files;
     }
 
-    vxcamtest::TempDir m_root;
+    TempDir m_root;
 };
 
 const OfflineLoggerConfigInfo kSmall = {4, 4, 1, 64};
@@ -119,7 +107,7 @@ TEST_F(OfflineLoggerTest, FilesAreNamedByTypeThreadSessionAndSegment) {
         std::string expected;
         const pid_t tid = OnNewThread([&] {
             for (int i = 0; i < 10; ++i) {  // 160 bytes: three buckets of one file
-                const std::string line = Line("n", i);
+                const std::string line = Numbered(0, i, 16);
                 expected += line;
                 ASSERT_EQ(logger.AddLog(line.data(), line.size()), 0);
             }
@@ -213,7 +201,16 @@ TEST_F(OfflineLoggerTest, SegmentEndsOnTheFirstLineThatFitsAfter50MiB) {
     EXPECT_EQ(sizes["_Segment2.txt"], kBucket / 2);
 }
 
-TEST_F(OfflineLoggerTest, NormalFlushWaitsForItsBatch) {
+// A thread's exit hands its bucket to the flush for the text and binary logs only; a flush that
+// is not forced writes once its batch of requests has gathered.
+TEST_F(OfflineLoggerTest, ThreadExitHandsOverAndTheFlushWaitsForItsBatch) {
+    for (OfflineLoggerType type : {OfflineLog, BinaryLog, CoredumpTxt, CoredumpBin}) {
+        TestLogger logger(type, kSmall);
+        OnNewThread([&] { logger.AddLog("last words\n", 11); });
+        EXPECT_EQ(logger.FlushCalls(), (type <= BinaryLog ? std::vector<std::pair<int, int>>{{0, 0}}
+                                                          : std::vector<std::pair<int, int>>{}))
+                << type;
+    }
     TestLogger logger(OfflineLog, {4, 4, 3, 64});
     ASSERT_EQ(logger.FlushLogToFile(0, 0), 2);  // no pool yet
     OnNewThread([&] { logger.AddLog("a\n", 2); });
@@ -258,72 +255,43 @@ TEST_F(OfflineLoggerTest, FlushOfAnEmptyPoolAnswersAtOnce) {
     EXPECT_EQ(flushed.get(), 2);
 }
 
-TEST_F(OfflineLoggerTest, ThreadExitHandsOverTextAndBinaryBucketsOnly) {
-    for (OfflineLoggerType type : {OfflineLog, BinaryLog, CoredumpTxt, CoredumpBin}) {
-        SCOPED_TRACE(type);
-        TestLogger logger(type, kSmall);
-        OnNewThread([&] { logger.AddLog("last words\n", 11); });
-        const bool handedOver = type == OfflineLog || type == BinaryLog;
-        EXPECT_EQ(logger.FlushCalls().size(), handedOver ? 1u : 0u);
-        if (handedOver) {
-            EXPECT_EQ(logger.FlushCalls()[0], std::make_pair(0, 0));
-        }
-    }
-    // Written by the next batch, with nothing lost.
-    TestLogger logger(OfflineLog, kSmall);
-    OnNewThread([&] { logger.AddLog("last words\n", 11); });
-    logger.FlushLogToFile(0, 0);
-    ASSERT_EQ(Files().size(), 1u);
-    EXPECT_EQ(Files().begin()->second, "last words\n");
-}
-
 TEST_F(OfflineLoggerTest, CameraSessions) {
     TestLogger logger(OfflineLog, kSmall);
     logger.NotifyCameraOpen();
     // One thread logs in both sessions: after the close it registers afresh.
-    std::promise<void> closed, loggedFirst;
+    LiveThread worker;
     pid_t same = 0;
-    std::thread worker([&] {
+    worker.Run([&] {
         same = gettid();
         logger.AddLog("one\n", 4);
-        loggedFirst.set_value();
-        closed.get_future().wait();
-        logger.AddLog("two\n", 4);
     });
-    loggedFirst.get_future().wait();
     logger.NotifyCameraClose();
     EXPECT_EQ(logger.Session(), 2u);
     EXPECT_EQ(logger.IsEnableOfflinelogger(), 1);
     logger.NotifyCameraOpen();
-    closed.set_value();
-    worker.join();
+    worker.Run([&] { logger.AddLog("two\n", 4); });
     logger.NotifyCameraClose();
 
     std::map<std::string, std::string> files;
-    for (const auto& entry : fs::recursive_directory_iterator(Camera())) {
-        if (!entry.is_regular_file()) continue;
-        const std::string name = entry.path().filename().string();
-        files[name.substr(name.find("__Tid"))] = vxcamtest::ReadFile(entry.path().string());
-    }
+    for (const auto& [path, text] : FilesUnder(Camera()))
+        files[path.substr(path.find("__Tid"))] = text;
     const std::string tid = "__Tid" + std::to_string(same);
     EXPECT_EQ(files,
               (std::map<std::string, std::string>{{tid + "_Session1_Segment1.txt", "one\n"},
                                                   {tid + "_Session2_Segment1.txt", "two\n"}}));
 
     // A second camera at once switches the logger off for good.
-    vxcamtest::LogCapture log;
+    LogCapture log;
     logger.NotifyCameraOpen();
     logger.NotifyCameraOpen();
     EXPECT_EQ(logger.IsEnableOfflinelogger(), 0);
     logger.NotifyCameraClose();
     EXPECT_EQ(logger.Session(), 3u);
     EXPECT_EQ(logger.AddLog("x\n", 2), 2);
-    const auto messages = log.Messages();
-    EXPECT_TRUE(std::any_of(messages.begin(), messages.end(), [](const std::string& m) {
-        return std::regex_match(m, std::regex("NotifyCameraOpen\\(\\):\\d+ VxCamOfflineLogger not "
-                                              "support concurrent camera usecase and will be "
-                                              "disable!\n"));
-    }));
+    EXPECT_EQ(Count(log,
+                    "NotifyCameraOpen\\(\\):\\d+ VxCamOfflineLogger not support concurrent "
+                    "camera usecase and will be disable!\n"),
+              1u);
 }
 
 TEST_F(OfflineLoggerTest, CoreDumpTypesKeepTheirBucketsAcrossAClose) {
@@ -365,16 +333,16 @@ TEST_F(OfflineLoggerTest, CoreDumpRegistrationsLastAsLongAsTheirThreads) {
         std::string expected;
         int n = 0;
         const auto logNext = [&] {
-            const std::string line = Line("n", n++);
+            const std::string line = Numbered(0, n++, 16);
             expected += line;
             logger.AddLog(line.data(), line.size());
         };
-        auto live = std::make_unique<vxcamtest::LiveThread>();
+        auto live = std::make_unique<LiveThread>();
         for (int i = 0; i < row.repeat; ++i) {
             for (const char* step = row.steps; *step != '\0'; ++step) {
                 if (*step == 'l') live->Run(logNext);
                 if (*step == 't') OnNewThread(logNext);
-                if (*step == 'e') live = std::make_unique<vxcamtest::LiveThread>();
+                if (*step == 'e') live = std::make_unique<LiveThread>();
                 if (*step == 'c') {
                     logger.NotifyCameraOpen();
                     logger.NotifyCameraClose();
@@ -391,7 +359,7 @@ TEST_F(OfflineLoggerTest, CoreDumpRegistrationsLastAsLongAsTheirThreads) {
         logger.FlushLogToFile(1, 0);
         EXPECT_EQ(logger.m_freeBucketIds.size(), logger.m_memPool.size());
         live.reset();
-        EXPECT_EQ(vxcamtest::ReadFile(path), expected);
+        EXPECT_EQ(ReadFile(path), expected);
         EXPECT_LE(logger.m_memPool.size(), 2u);
         EXPECT_LE(logger.m_perLogInfoPool.size(), 2u);
     }
@@ -436,43 +404,45 @@ TEST_F(OfflineLoggerTest, BucketMemoryFollowsUse) {
     EXPECT_EQ(files.begin()->second.size(), 5 * line.size());
 }
 
-// Eight threads log while the camera closes and reopens under them, the host flushes everything and
-// a host thread flushes. Every line whose AddLog did not overlap a close must land, once, in order,
-// in its thread's file; every line that did not land is one the library reported as skipped.
-TEST_F(OfflineLoggerTest, CloseWhileThreadsLog) {
+// Slots of threads that come and go, each ending with a part-filled bucket, log while the camera
+// closes and reopens under them, the host flushes everything and a host thread flushes as usual.
+// Every line whose AddLog did not overlap a close lands once, in order, in its thread's file;
+// every line that did not land is one the library reported as skipped.
+TEST_F(OfflineLoggerTest, ClosesAndFlushesWhileThreadsComeAndGo) {
     // Small buckets, for many hand-overs; enough of them that no thread runs out while the flush
     // falls behind eight threads that do nothing but log.
     TestLogger logger(OfflineLog, {4, 4, 2, 16384});
+    constexpr int kSlots = 8;
+    constexpr size_t kWidth = 32;
     std::atomic<uint32_t> closeEpoch{0};  // odd while a close runs
     std::atomic<bool> stop{false};
-    constexpr int kThreads = 8;
-    std::vector<std::vector<int>> mayDrop(kThreads);
-    std::vector<int> logged(kThreads);
-    std::vector<std::thread> threads;
-    vxcamtest::LogCapture quiet;  // one "skipped" message per line dropped during a close
+    std::vector<std::set<int>> mayDrop(kSlots);
+    std::vector<int> logged(kSlots);
+    std::vector<std::thread> slots;
+    LogCapture quiet;  // one "skipped" message per line dropped during a close
     logger.NotifyCameraOpen();
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            for (int seq = 0; !stop.load() || seq < 2000; ++seq) {
-                char line[64];
-                const int length = snprintf(line, sizeof(line), "t%d s%07d\n", t, seq);
-                const uint32_t before = closeEpoch.load();
-                logger.AddLog(line, length);
-                if (before % 2 != 0 || closeEpoch.load() != before) mayDrop[t].push_back(seq);
-                logged[t] = seq + 1;
-                if (seq > 200000) break;
+    for (int s = 0; s < kSlots; ++s) {
+        slots.emplace_back([&, s] {
+            for (int n = 0; n < 200 && (n < 12 || !stop.load()); ++n) {
+                OnNewThread([&] {
+                    for (int i = 0; i < 300; ++i, ++logged[s]) {
+                        const std::string line = Numbered(s, logged[s], kWidth);
+                        const uint32_t before = closeEpoch.load();
+                        logger.AddLog(line.data(), line.size());
+                        if (before % 2 != 0 || closeEpoch.load() != before)
+                            mayDrop[s].insert(logged[s]);
+                    }
+                });
             }
         });
     }
-    // The flushes write while the threads log and the closes take their buckets.
     std::thread flusher([&] {
         while (!stop.load()) logger.FlushLogToFile(0, 0);
     });
     for (int i = 0; i < 6; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
         if (i % 2 != 0) {
-            // A host's flush of everything drops nothing: the threads go on in fresh buckets.
-            logger.FlushLogToFile(1, 0);
+            logger.FlushLogToFile(1, 0);  // drops nothing: the threads go on in fresh buckets
             continue;
         }
         closeEpoch.fetch_add(1);
@@ -480,49 +450,42 @@ TEST_F(OfflineLoggerTest, CloseWhileThreadsLog) {
         closeEpoch.fetch_add(1);
         logger.NotifyCameraOpen();
     }
-    for (std::thread& thread : threads) thread.join();
     stop = true;
+    for (std::thread& slot : slots) slot.join();
     flusher.join();
     logger.NotifyCameraClose();
 
-    std::vector<std::vector<int>> landed(kThreads);
-    for (const auto& entry : fs::recursive_directory_iterator(Camera())) {
-        if (!entry.is_regular_file()) continue;
-        std::istringstream text(vxcamtest::ReadFile(entry.path().string()));
-        std::string line;
-        int owner = -1;
-        int previous = -1;
-        while (std::getline(text, line)) {
+    std::vector<std::vector<int>> landed(kSlots);
+    for (const auto& [path, text] : FilesUnder(Camera())) {
+        std::istringstream lines(text);
+        int owner = -1, previous = -1;
+        for (std::string line; std::getline(lines, line);) {
             int t = -1, seq = -1;
             ASSERT_EQ(sscanf(line.c_str(), "t%d s%d", &t, &seq), 2) << "torn line: " << line;
-            ASSERT_TRUE(t >= 0 && t < kThreads);
+            ASSERT_TRUE(t >= 0 && t < kSlots && Numbered(t, seq, kWidth) == line + "\n") << line;
             if (owner < 0) owner = t;
             ASSERT_EQ(t, owner) << "two threads in one file";
-            EXPECT_GT(seq, previous) << "out of order in " << entry.path();
+            EXPECT_GT(seq, previous) << "out of order in " << path;
             previous = seq;
             landed[t].push_back(seq);
         }
     }
     size_t missing = 0;
-    for (int t = 0; t < kThreads; ++t) {
-        std::sort(landed[t].begin(), landed[t].end());
-        EXPECT_EQ(std::adjacent_find(landed[t].begin(), landed[t].end()), landed[t].end())
+    for (int s = 0; s < kSlots; ++s) {
+        std::sort(landed[s].begin(), landed[s].end());
+        EXPECT_EQ(std::adjacent_find(landed[s].begin(), landed[s].end()), landed[s].end())
                 << "a line landed twice";
         size_t lost = 0;
-        for (int seq = 0; seq < logged[t]; ++seq) {
-            if (std::binary_search(landed[t].begin(), landed[t].end(), seq)) continue;
+        for (int seq = 0; seq < logged[s]; ++seq) {
+            if (std::binary_search(landed[s].begin(), landed[s].end(), seq)) continue;
             ++missing;
-            if (!std::binary_search(mayDrop[t].begin(), mayDrop[t].end(), seq)) ++lost;
+            lost += mayDrop[s].count(seq) == 0 ? 1 : 0;
         }
-        EXPECT_EQ(lost, 0u) << "thread " << t << " of " << logged[t] << " lines";
+        EXPECT_EQ(lost, 0u) << "slot " << s << " of " << logged[s] << " lines";
     }
-    const std::regex skipped(
-            "AddLog\\(\\):\\d+ VxCamOfflineLogger: Please note log is skipped due to camera "
-            "is closing\n");
-    const auto messages = quiet.Messages();
-    EXPECT_EQ(static_cast<size_t>(std::count_if(
-                      messages.begin(), messages.end(),
-                      [&](const std::string& m) { return std::regex_match(m, skipped); })),
+    EXPECT_EQ(Count(quiet,
+                    "AddLog\\(\\):\\d+ VxCamOfflineLogger: Please note log is skipped due to "
+                    "camera is closing\n"),
               missing)
             << "every line that did not land was reported as skipped";
 }
@@ -531,7 +494,7 @@ TEST_F(OfflineLoggerTest, CloseWritesAFirstLineThatMakesThePool) {
     // The close finds no pool yet, while a thread that is inside its first line is about to make
     // it: the close must wait for the line and write it, not reset the pool under it.
     TestLogger logger(OfflineLog, kSmall);
-    vxcamtest::LogCapture log;
+    LogCapture log;
     logger.NotifyCameraOpen();
     Gate gate;
     std::thread first([&] {
@@ -586,130 +549,229 @@ TEST_F(OfflineLoggerTest, PoolGrowsByStepAndReusesIdsInOrder) {
     EXPECT_TRUE(logger.m_perLogInfoPool.empty());
 }
 
+// Starting wants 3000 MB free; the text logs get their pool on first use, the core-dump ones at
+// once. (A file system that cannot be asked: FaultInjection.FileSystemThatCannotBeAsked.)
 TEST_F(OfflineLoggerTest, StartNeedsSpace) {
-    vxcamtest::LogCapture log;
+    LogCapture quiet;
     TestLogger logger(OfflineLog, kSmall);
     logger.m_freeMB = 2999.9;
     EXPECT_EQ(logger.GetSettingLink(), 0);
-    EXPECT_EQ(vxcamtest::ReadFile(Camera() + "/VxCam_OfflineLog_ErrorMsg.txt"),
+    EXPECT_EQ(ReadFile(Camera() + "/VxCam_OfflineLog_ErrorMsg.txt"),
               "VxCamOfflineLogger detect file system has no space left");
     logger.m_freeMB = 3000.0;
     EXPECT_EQ(logger.GetSettingLink(), 1);
-    EXPECT_TRUE(logger.m_memPool.empty());  // text logs get their pool on first use
-
+    EXPECT_TRUE(logger.m_memPool.empty());
     TestLogger core(CoredumpTxt, {2, 2, 1, 64});
     EXPECT_EQ(core.GetSettingLink(), 1);
     EXPECT_EQ(core.m_memPool.size(), 2u);
-
-    // A file system that cannot be asked switches the logger off.
-    TestLogger lost(OfflineLog, kSmall);
-    lost.m_freeMB = -1.0;
-    setenv("VXCAM_SYSROOT", (m_root / "missing").c_str(), 1);
-    EXPECT_EQ(lost.GetSettingLink(), 0);
-    EXPECT_EQ(lost.IsEnableOfflinelogger(), 0);
 }
 
-TEST_F(OfflineLoggerTest, InstancesAndEntryTable) {
+// Only bits 2 to 7 make a type invalid: the other high bits reach the type of the two low ones.
+TEST_F(OfflineLoggerTest, InstancesByTheTwoLowBitsOfTheType) {
     EXPECT_EQ(VxCamOfflineLogger::GetInstance(static_cast<OfflineLoggerType>(4)), nullptr);
     std::set<VxCamOfflineLogger*> instances;
-    for (uint32_t t = 0; t < 4; ++t) {
-        instances.insert(VxCamOfflineLogger::GetInstance(static_cast<OfflineLoggerType>(t)));
+    for (uint32_t high : {0u, 0x100u, 0x10000u, 0x1000000u, 0x40000000u, 0xFFFFFF00u}) {
+        for (uint32_t t = 0; t < 4; ++t) {
+            const auto type = static_cast<OfflineLoggerType>(high | t);
+            VxCamOfflineLogger* logger = VxCamOfflineLogger::GetInstance(type);
+            instances.insert(logger);
+            EXPECT_EQ(logger, VxCamOfflineLogger::GetInstance(static_cast<OfflineLoggerType>(t)));
+            EXPECT_EQ(OfflinelogIsEnableInterface(type), 1) << std::hex << type;
+        }
     }
     EXPECT_EQ(instances.size(), 4u);
     EXPECT_EQ(instances.count(nullptr), 0u);
+}
 
-    ChiOfflineLogEntry(nullptr);
+std::atomic<int> g_triggeredType{-1};
+void NoteTrigger(OfflineLoggerType type) {
+    g_triggeredType = type;
+}
+
+// Each entry of the host's table, called through the table, shows an effect that only its own
+// operation has, so that two entries swapped fail their rows. Each row runs in a child of its own,
+// on the process's own loggers; the child's folder is its working folder.
+TEST_F(OfflineLoggerTest, EachEntryOfTheTableReachesItsOwnOperation) {
+    using Check = std::function<void(const OfflineLogEntryTable&, VxCamOfflineLogger&)>;
+    const std::string camera = "data/vendor/camera";
+    const char kHeld[] = "a line the thread holds\n";
+    const auto holdLine = [&](VxCamOfflineLogger& l) { l.AddLog(kHeld, sizeof(kHeld) - 1); };
+    const auto landed = [&](const std::string& text) {
+        return TextUnder(camera).find(text) != std::string::npos;
+    };
+    const struct {
+        const char* entry;
+        OfflineLoggerType type;
+        Check check;
+    } kRows[] = {
+            {"addLog", OfflineLog,
+             [&](auto& t, auto& l) {
+                 EXPECT_EQ(t.addLog(OfflineLog, "through the table\n"), 0);
+                 l.FlushLogToFile(1, 0);
+                 EXPECT_TRUE(landed("through the table\n"));
+             }},
+            {"flushLog", OfflineLog,
+             [&](auto& t, auto& l) {
+                 holdLine(l);
+                 const uint32_t session = Inside::Session(l);
+                 EXPECT_EQ(t.flushLog(OfflineLog, 1), 0);
+                 EXPECT_TRUE(landed(kHeld));
+                 EXPECT_EQ(Inside::Session(l), session) << "a flush ends no session";
+             }},
+            {"noticeCameraOpen", OfflineLog,
+             [&](auto& t, auto& l) {
+                 t.noticeCameraOpen(OfflineLog);
+                 EXPECT_EQ(l.IsEnableOfflinelogger(), 1);
+                 l.NotifyCameraOpen();
+                 EXPECT_EQ(l.IsEnableOfflinelogger(), 0) << "a second camera switches it off";
+             }},
+            {"noticeCameraClose", OfflineLog,
+             [&](auto& t, auto& l) {
+                 holdLine(l);
+                 const uint32_t session = Inside::Session(l);
+                 t.noticeCameraClose(OfflineLog);
+                 EXPECT_TRUE(landed(kHeld));
+                 EXPECT_EQ(Inside::Session(l), session + 1);
+             }},
+            {"disable", OfflineLog,
+             [&](auto& t, auto& l) {
+                 t.disable(OfflineLog);
+                 EXPECT_EQ(l.IsEnableOfflinelogger(), 0);
+                 EXPECT_EQ(l.AddLog("x\n", 2), 2);
+             }},
+            {"isEnable", OfflineLog,
+             [&](auto& t, auto& l) {
+                 EXPECT_EQ(t.isEnable(OfflineLog), 1);
+                 l.DisableOfflinelogger();
+                 EXPECT_EQ(t.isEnable(OfflineLog), 0);
+             }},
+            {"linkFlushTrigger", BinaryLog,
+             [&](auto& t, auto& l) {
+                 EXPECT_EQ(t.linkFlushTrigger(BinaryLog, nullptr), 0);
+                 EXPECT_EQ(t.linkFlushTrigger(BinaryLog, NoteTrigger), 1);
+                 l.NotifyCameraOpen();                    // the trigger runs while a camera is open
+                 OnNewThread([&] { l.AddLog("x", 1); });  // its exit requests a flush
+                 EXPECT_EQ(g_triggeredType.load(), static_cast<int>(BinaryLog));
+             }},
+            {"getSetting", OfflineLog,
+             [&](auto& t, auto&) {
+                 LogCapture log;
+                 setenv("VXCAM_SYSROOT", "missing", 1);
+                 EXPECT_EQ(t.getSetting(OfflineLog), 0);
+                 EXPECT_TRUE(log.Has("VxCamOfflineLogger query system space failed!"));
+             }},
+            {"setCleanupTrigger", OfflineLog,
+             [&](auto& t, auto& l) {
+                 EXPECT_EQ(t.setCleanupTrigger(OfflineLog, NoteTrigger), 1);
+                 Inside::TotalFlushMB(l) = 3000.0f;  // over the threshold of 2600 MB
+                 for (int i = 0; i < 6; ++i) OnNewThread([&] { l.AddLog("x\n", 2); });
+                 EXPECT_EQ(g_triggeredType.load(), -1) << "called by the flush only";
+                 l.FlushLogToFile(0, 0);
+                 EXPECT_EQ(g_triggeredType.load(), static_cast<int>(OfflineLog));
+             }},
+            {"cleanupOlderLogFile", OfflineLog,
+             [&](auto& t, auto& l) {
+                 OnNewThread([&] { l.AddLog("x\n", 2); });
+                 l.NotifyCameraClose();
+                 l.NotifyCameraClose();  // the first session is now the one before the previous
+                 const auto old = FilesUnder(camera, "_Session");
+                 ASSERT_EQ(old.size(), 1u);
+                 EXPECT_EQ(t.cleanupOlderLogFile(OfflineLog), 0);
+                 EXPECT_FALSE(fs::exists(old.begin()->first));
+             }},
+            {"setCoredumpPath", CoredumpTxt,
+             [&](auto& t, auto& l) {
+                 EXPECT_EQ(t.setCoredumpPath(CoredumpTxt, "core.txt"), 0);
+                 OnNewThread([&] { l.AddLog("core\n", 5); });
+                 l.FlushLogToFile(1, 0);
+                 EXPECT_EQ(ReadFile("core.txt"), "core\n");
+             }},
+            {"enableCoredump", CoredumpBin,
+             [&](auto& t, auto& l) {
+                 l.DisableCoredump();
+                 EXPECT_EQ(t.enableCoredump(CoredumpBin), 0);
+                 EXPECT_EQ(l.IsCoredumpEnabled(), 1);
+             }},
+            {"disableCoredump", CoredumpBin,
+             [&](auto& t, auto& l) {
+                 l.EnableCoredump();
+                 EXPECT_EQ(t.disableCoredump(CoredumpBin), 0);
+                 EXPECT_EQ(l.IsCoredumpEnabled(), 0);
+             }},
+            {"isCoredumpEnabled", CoredumpBin,
+             [&](auto& t, auto& l) {
+                 l.DisableCoredump();
+                 EXPECT_EQ(t.isCoredumpEnabled(CoredumpBin), 0);
+                 l.EnableCoredump();
+                 EXPECT_EQ(t.isCoredumpEnabled(CoredumpBin), 1);
+             }},
+            {"setMultiPathMode", CoredumpTxt,
+             [&](auto& t, auto& l) {
+                 EXPECT_EQ(t.setMultiPathMode(CoredumpTxt, 1), 0);
+                 EXPECT_EQ(Inside::MultiPathMode(l), 1u);
+             }},
+            {"cleanupMemPool", OfflineLog,
+             [&](auto& t, auto& l) {
+                 holdLine(l);
+                 const uint32_t session = Inside::Session(l);
+                 EXPECT_EQ(t.cleanupMemPool(OfflineLog), 0);
+                 EXPECT_EQ(Inside::Session(l), session + 1);
+                 EXPECT_EQ(Inside::Buckets(l), 0u);
+                 EXPECT_EQ(l.IsEnableOfflinelogger(), 1);
+                 l.FlushLogToFile(1, 0);
+                 EXPECT_FALSE(landed(kHeld)) << "dropped, not written";
+             }},
+    };
     OfflineLogEntryTable table;
     memset(&table, 0xA5, sizeof(table));
     ChiOfflineLogEntry(&table);
-    EXPECT_EQ(table.size, 136u);
-    EXPECT_EQ(table.addLog, &OfflinelogAddLogInterface);
-    EXPECT_EQ(table.cleanupMemPool, &OfflinelogCleanupMemPoolInterface);
-    const OfflineLoggerType invalid = static_cast<OfflineLoggerType>(4);
-    EXPECT_EQ(table.cleanupOlderLogFile(invalid), 0);
-    EXPECT_EQ(table.setCoredumpPath(invalid, "/x"), 0);
-    EXPECT_EQ(table.enableCoredump(invalid), 0);
-    EXPECT_EQ(table.disableCoredump(invalid), 0);
-    EXPECT_EQ(table.isCoredumpEnabled(invalid), 0);
-    EXPECT_EQ(table.setMultiPathMode(invalid, 1), 0);
-    EXPECT_EQ(table.cleanupMemPool(invalid), 0);
-
-    table.enableCoredump(CoredumpBin);
-    EXPECT_EQ(table.isCoredumpEnabled(CoredumpBin), 1);
-    EXPECT_EQ(table.linkFlushTrigger(CoredumpBin, nullptr), 0);
-
-    // Only bits 2 to 7 make a type invalid: the other high bits reach the type of the two low ones.
-    for (uint32_t high : {0x100u, 0x10000u, 0x1000000u, 0x40000000u, 0xFFFFFF00u}) {
-        for (uint32_t t = 0; t < 4; ++t) {
-            const auto type = static_cast<OfflineLoggerType>(high | t);
-            EXPECT_EQ(VxCamOfflineLogger::GetInstance(type),
-                      VxCamOfflineLogger::GetInstance(static_cast<OfflineLoggerType>(t)));
-            EXPECT_EQ(table.isEnable(type), 1) << std::hex << type;
-            EXPECT_EQ(table.isCoredumpEnabled(type), t == CoredumpBin ? 1 : 0) << std::hex << type;
-        }
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.entry);
+        TempDir root;
+        const ChildEnd child = CheckInChild(
+                root, [&] { row.check(table, *VxCamOfflineLogger::GetInstance(row.type)); });
+        EXPECT_EQ(child.exitCode, 0) << "signal " << child.signal;
     }
+    setenv("VXCAM_SYSROOT", m_root.Path().c_str(), 1);
 }
 
-// The debug frame hands a time-stamped copy of each passed message to the default logger.
-TEST_F(OfflineLoggerTest, DebugFrameFeedsTheDefaultLogger) {
-    VxCamOfflineLogger* logger = VxCamOfflineLogger::GetInstance(OfflineLog);
-    const DebugLogInfo saved = g_logInfo;
-    g_logInfo.offlineLogEnable = 1;
-    g_logInfo.infoMask = 0xFFFFFFFF;
-    const pid_t tid = OnNewThread([] {
-        Log::LogSystem(1, "I", 4, "%s", "hello offline");
-        Log::LogSystem(1, "I", 4, "%s", std::string(2000, 'L').c_str());
-    });
-    g_logInfo = saved;
-    logger->FlushLogToFile(1, 0);
-
-    std::string text;
-    for (const auto& entry : fs::recursive_directory_iterator(Camera())) {
-        if (entry.path().string().find("__Tid" + std::to_string(tid) + "_") != std::string::npos)
-            text = vxcamtest::ReadFile(entry.path().string());
-    }
-    const std::regex first("\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d:\\d{9} +\\d+ +" +
-                           std::to_string(tid) + " I VxCam: hello offline\n");
-    const size_t end = text.find('\n');
-    ASSERT_NE(end, std::string::npos);
-    EXPECT_TRUE(std::regex_match(text.substr(0, end + 1), first)) << text.substr(0, end + 1);
-    // The long message is cut to the line buffer: 1023 characters, no line end.
-    EXPECT_EQ(text.size() - end - 1, 1023u);
-}
-
-// The ids of a line are those of the process and thread that log it, also in the child of a fork
-// whose parent thread had logged before.
-TEST_F(OfflineLoggerTest, DebugFrameLinesOfAForkedChildCarryItsIds) {
-    VxCamOfflineLogger* logger = VxCamOfflineLogger::GetInstance(OfflineLog);
+// The debug frame hands a time-stamped copy of each passed message to the default logger, with
+// the ids of the process and thread that log it: also in the child of a fork whose parent thread
+// had logged before. A long message is cut to the line buffer, 1023 characters with no line end.
+TEST_F(OfflineLoggerTest, DebugFrameLinesCarryTheIdsOfTheirProcessAndThread) {
     const DebugLogInfo saved = g_logInfo;
     g_logInfo.offlineLogEnable = 1;
     g_logInfo.infoMask = 0xFFFFFFFF;
     Log::LogSystem(1, "I", 4, "%s", "parent before the fork");
-    const pid_t child = fork();
-    if (child == 0) {
+    TempDir root;
+    const ChildEnd child = RunInChild(root, [] {
         Log::LogSystem(1, "I", 4, "%s", "child after the fork");
-        logger->FlushLogToFile(1, 0);
-        _exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
+        OnNewThread([] { Log::LogSystem(1, "I", 4, "%s", std::string(2000, 'L').c_str()); });
+        VxCamOfflineLogger::GetInstance(OfflineLog)->FlushLogToFile(1, 0);
+    });
     g_logInfo = saved;
+    setenv("VXCAM_SYSROOT", m_root.Path().c_str(), 1);
+    EXPECT_EQ(child.exitCode, kChildReturned);
 
-    const std::regex childLine(
-            "\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d:\\d{9} +(\\d+) +(\\d+) I VxCam: "
-            "child after the fork");
-    std::smatch ids;
-    std::string found;
-    for (const auto& entry : fs::recursive_directory_iterator(Camera())) {
-        if (!entry.is_regular_file()) continue;
-        std::istringstream text(vxcamtest::ReadFile(entry.path().string()));
-        for (std::string line; std::getline(text, line);) {
-            if (line.find("child after the fork") != std::string::npos) found = line;
+    // The parent's line, in the bucket the child inherited, keeps the parent's ids.
+    const std::regex line(
+            "\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d:\\d{9} +(\\d+) +(\\d+) I VxCam: (child|L).*");
+    std::set<std::string> seen;
+    for (const auto& [path, text] : FilesUnder(root.Path(), "__Tid")) {
+        std::istringstream lines(text);
+        std::smatch ids;
+        for (std::string one; std::getline(lines, one);) {
+            if (!std::regex_match(one, ids, line)) continue;
+            seen.insert(ids[3]);
+            EXPECT_EQ(ids[1].str(), std::to_string(child.pid));
+            // The main thread's line, in whichever bucket; the other thread's, in its own file.
+            EXPECT_TRUE(ids[3] == "child" ? ids[2] == ids[1]
+                                          : path.find("__Tid" + ids[2].str() + "_") != path.npos)
+                    << path << ": " << one.substr(0, 80);
+            EXPECT_EQ(one.size(), ids[3] == "L" ? 1023u : one.size()) << "and no line end";
         }
     }
-    ASSERT_TRUE(std::regex_match(found, ids, childLine)) << found;
-    EXPECT_EQ(ids[1].str(), std::to_string(child));
-    EXPECT_EQ(ids[2].str(), std::to_string(child));
+    EXPECT_EQ(seen, (std::set<std::string>{"child", "L"}));
 }
 
 // ---- Retention, crash backup, status report ----------------------------------------------------
@@ -717,7 +779,7 @@ TEST_F(OfflineLoggerTest, DebugFrameLinesOfAForkedChildCarryItsIds) {
 constexpr uint32_t kOneMiB = 1048576;
 
 // One 1 MiB record per session in `sessions`, each with a real file.
-std::list<RecycleItemInfo> Records(const vxcamtest::TempDir& root, std::vector<uint32_t> sessions) {
+std::list<RecycleItemInfo> Records(const TempDir& root, std::vector<uint32_t> sessions) {
     std::list<RecycleItemInfo> records;
     int n = 0;
     for (uint32_t session : sessions) {
@@ -797,13 +859,13 @@ TEST_F(OfflineLoggerTest, StatusReportFollowsItsSwitch) {
     const std::string dumpPath = Camera() + "/Offlinelog_Dump.log";
     logger.SetStatusDumpEnabled(1);
     logger.NotifyCameraOpen();
-    vxcamtest::LiveThread thread;
+    LiveThread thread;
     thread.Run([&] { logger.AddLog("a line\n", 7); });
     // The close's flush of everything: the thread's bucket comes back with the others, and the
     // reset after it leaves no write times.
     logger.NotifyCameraClose();
     EXPECT_TRUE(logger.m_fwriteTimeHistory.empty());
-    const std::string written = vxcamtest::ReadFile(dumpPath);
+    const std::string written = ReadFile(dumpPath);
     const char* const kTrueLines[] = {
             "+--------------------Offlinelogger Status-----------------------+\n",
             "  Session                          : 1   \n",
@@ -830,7 +892,7 @@ TEST_F(OfflineLoggerTest, StatusReportFollowsItsSwitch) {
 
     // Nothing to write: the short form.
     logger.FlushLogToFile(0, 0);
-    const std::string idle = vxcamtest::ReadFile(dumpPath).substr(written.size());
+    const std::string idle = ReadFile(dumpPath).substr(written.size());
     EXPECT_EQ(idle.substr(0, idle.find("  Total Flush time in this session : ")),
               "+--------------------Offlinelogger Status-----------------------+\n"
               "  Trigger operation                : FALSE  \n"
@@ -838,7 +900,7 @@ TEST_F(OfflineLoggerTest, StatusReportFollowsItsSwitch) {
 
     logger.SetStatusDumpEnabled(0);
     logger.FlushLogToFile(1, 0);
-    EXPECT_EQ(vxcamtest::ReadFile(dumpPath).size(), written.size() + idle.size());
+    EXPECT_EQ(ReadFile(dumpPath).size(), written.size() + idle.size());
 }
 
 TEST_F(OfflineLoggerTest, CrashBackupCopiesTheSessionsTextLogs) {
@@ -867,7 +929,7 @@ TEST_F(OfflineLoggerTest, CrashBackupCopiesTheSessionsTextLogs) {
     EXPECT_TRUE(logger.m_fileNameSet.empty());
     std::map<std::string, std::string> copies;
     for (const auto& entry : fs::directory_iterator(crashFolder)) {
-        copies[entry.path().filename().string()] = vxcamtest::ReadFile(entry.path().string());
+        copies[entry.path().filename().string()] = ReadFile(entry.path().string());
     }
     EXPECT_EQ(copies, Files());
 
@@ -899,7 +961,7 @@ TEST_F(OfflineLoggerTest, CoreDumpPathBySingleAndMultiPathMode) {
     OnNewThread([&] {
         for (int i = 0; i < 10; ++i) {
             text.SetCoredumpPath(core(i).c_str());
-            const std::string line = Line("p", i);
+            const std::string line = Numbered(0, i, 16);
             text.AddLog(line.data(), line.size());
             text.FlushLogToFile(0, 0);
         }
@@ -907,8 +969,8 @@ TEST_F(OfflineLoggerTest, CoreDumpPathBySingleAndMultiPathMode) {
         text.AddLog("single\n", 7);
     });
     text.FlushLogToFile(1, 0);
-    for (int i = 0; i < 10; ++i) EXPECT_EQ(vxcamtest::ReadFile(core(i)), Line("p", i)) << i;
-    EXPECT_EQ(vxcamtest::ReadFile(single), "single\n");
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(ReadFile(core(i)), Numbered(0, i, 16)) << i;
+    EXPECT_EQ(ReadFile(single), "single\n");
     EXPECT_LE(text.m_memPool.size(), 2u);
 }
 
