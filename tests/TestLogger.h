@@ -195,14 +195,10 @@ inline pid_t OnNewThread(const std::function<void()>& body) {
 // the logger it logs to.
 class LiveThread {
   public:
-    LiveThread() : m_thread([this] { Serve(); }) {}
     ~LiveThread() {
         Run(nullptr);
         m_thread.join();
     }
-    LiveThread(const LiveThread&) = delete;
-    LiveThread& operator=(const LiveThread&) = delete;
-
     // Runs `step` on the thread and waits for it; a null step ends the thread.
     void Run(std::function<void()> step) {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -212,7 +208,11 @@ class LiveThread {
     }
 
   private:
-    void Serve() {
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    std::function<void()> m_step;
+    bool m_stop = false;
+    std::thread m_thread{[this] {  // last: starts once the rest is built
         std::unique_lock<std::mutex> lock(m_mutex);
         while (!m_stop) {
             m_wake.wait(lock, [this] { return static_cast<bool>(m_step); });
@@ -220,13 +220,7 @@ class LiveThread {
             m_step = nullptr;
             m_wake.notify_all();
         }
-    }
-
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
-    std::function<void()> m_step;
-    bool m_stop = false;
-    std::thread m_thread;  // last: starts once the rest is built
+    }};
 };
 
 }  // namespace vxcamtest

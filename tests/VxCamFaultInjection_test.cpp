@@ -8,19 +8,10 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <deque>
-#include <filesystem>
-#include <future>
 #include <set>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "TestLogger.h"
-#include "TestSupport.h"
 
 using namespace VxCam;
 using namespace vxcamtest;
