@@ -1,18 +1,28 @@
-// A logger for tests: a derived instance with a configuration of the test's choosing (small
-// buckets), a fixed session time, a free space to taste, and its bookkeeping in reach.
+// What the offline logger's suites share: a derived logger with a configuration of the test's
+// choosing (small buckets), a fixed session time, a free space to taste and its bookkeeping in
+// reach; numbered lines and the text a thread left on disk; checks run in a forked child.
 #ifndef VXCAM_TEST_LOGGER_H
 #define VXCAM_TEST_LOGGER_H
 
+#include <stdio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <condition_variable>
+#include <filesystem>
 #include <functional>
+#include <map>
 #include <mutex>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "TestSupport.h"
 #include "VxCamOfflineLogger.h"
 
 namespace vxcamtest {
@@ -49,7 +59,6 @@ class TestLogger : private ConfigHolder, public VxCam::VxCamOfflineLogger {
     using VxCam::VxCamOfflineLogger::m_removeFailCount;
     using VxCam::VxCamOfflineLogger::m_removeSuccessCount;
     using VxCam::VxCamOfflineLogger::m_sessionCount;
-    using VxCam::VxCamOfflineLogger::m_sessionFolderName;
     using VxCam::VxCamOfflineLogger::m_totalFlushSizeMB;
     using VxCam::VxCamOfflineLogger::m_triggerOperation;
     using VxCam::VxCamOfflineLogger::MonitorFileSystemHealth;
@@ -80,6 +89,97 @@ class TestLogger : private ConfigHolder, public VxCam::VxCamOfflineLogger {
     std::vector<std::pair<int, int>> m_flushCalls;
 };
 
+// The bookkeeping of any logger, the process's own instances included.
+struct Inside : VxCam::VxCamOfflineLogger {
+    using Logger = VxCam::VxCamOfflineLogger;
+    static uint32_t Session(Logger& logger) { return (logger.*&Inside::m_sessionCount).load(); }
+    static size_t Buckets(Logger& logger) { return (logger.*&Inside::m_memPool).size(); }
+    static uint32_t MultiPathMode(Logger& logger) { return logger.*&Inside::m_multiPathMode; }
+    static float& TotalFlushMB(Logger& logger) { return logger.*&Inside::m_totalFlushSizeMB; }
+};
+
+// "t<thread> s<seq> " filled with dots to `width` bytes, the last a line end.
+inline std::string Numbered(int thread, int seq, size_t width = 64) {
+    std::string line = "t" + std::to_string(thread) + " s" + std::to_string(seq) + " ";
+    line.resize(width - 1, '.');
+    return line + "\n";
+}
+
+inline void LogNumbered(VxCam::VxCamOfflineLogger& logger, int thread, int first, int count,
+                        size_t width = 64) {
+    for (int seq = first; seq < first + count; ++seq) {
+        const std::string line = Numbered(thread, seq, width);
+        logger.AddLog(line.data(), static_cast<unsigned>(line.size()));
+    }
+}
+
+// The sequence numbers of thread `thread` in `text`, in order; -1 for a line that is not one of
+// its numbered lines whole.
+inline std::vector<int> Seqs(const std::string& text, int thread, size_t width = 64) {
+    std::vector<int> seqs;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        int t = -1, seq = -1;
+        const bool whole = sscanf(line.c_str(), "t%d s%d", &t, &seq) == 2 && t == thread &&
+                           Numbered(t, seq, width) == line + "\n";
+        seqs.push_back(whole ? seq : -1);
+    }
+    return seqs;
+}
+
+inline std::vector<int> Range(int first, int count) {
+    std::vector<int> seqs;
+    for (int i = 0; i < count; ++i) seqs.push_back(first + i);
+    return seqs;
+}
+
+// Every file below `folder` whose path holds `part`, by path.
+inline std::map<std::string, std::string> FilesUnder(const std::string& folder,
+                                                     const std::string& part = "") {
+    std::map<std::string, std::string> files;
+    if (!std::filesystem::exists(folder)) return files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+        const std::string path = entry.path().string();
+        if (entry.is_regular_file() && path.find(part) != std::string::npos)
+            files[path] = ReadFile(path);
+    }
+    return files;
+}
+
+// Those files' text, concatenated in path order.
+inline std::string TextUnder(const std::string& folder, const std::string& part = "") {
+    std::string text;
+    for (const auto& file : FilesUnder(folder, part)) text += file.second;
+    return text;
+}
+
+inline std::string ThreadText(const std::string& folder, pid_t tid) {
+    return TextUnder(folder, "__Tid" + std::to_string(tid) + "_");
+}
+
+// The messages of `log` that match `pattern` whole.
+inline size_t Count(const LogCapture& log, const std::string& pattern) {
+    const std::regex whole(pattern);
+    const auto messages = log.Messages();
+    return static_cast<size_t>(std::count_if(messages.begin(), messages.end(),
+                                             [&](auto& m) { return std::regex_match(m, whole); }));
+}
+
+// Runs `body` with its expectations in a forked child on `root` (see RunInChild); they print as
+// they fail, and the child exits with 0 when none of its own did.
+inline ChildEnd CheckInChild(const TempDir& root, const std::function<void()>& body) {
+    return RunInChild(root, [&] {
+        const auto& result = *::testing::UnitTest::GetInstance()->current_test_info()->result();
+        int part = result.total_part_count();
+        body();
+        bool failed = false;
+        for (; part < result.total_part_count(); ++part)
+            failed = failed || result.GetTestPartResult(part).failed();
+        fflush(stdout);
+        _exit(failed ? 1 : 0);
+    });
+}
+
 // Runs `body` on a new thread and returns that thread's kernel id.
 inline pid_t OnNewThread(const std::function<void()>& body) {
     pid_t tid = 0;
@@ -95,43 +195,32 @@ inline pid_t OnNewThread(const std::function<void()>& body) {
 // the logger it logs to.
 class LiveThread {
   public:
-    LiveThread() : m_thread([this] { Serve(); }) {}
     ~LiveThread() {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_stop = true;
-        }
-        m_wake.notify_all();
+        Run(nullptr);
         m_thread.join();
     }
-    LiveThread(const LiveThread&) = delete;
-    LiveThread& operator=(const LiveThread&) = delete;
-
-    // Runs `step` on the thread and waits for it.
+    // Runs `step` on the thread and waits for it; a null step ends the thread.
     void Run(std::function<void()> step) {
         std::unique_lock<std::mutex> lock(m_mutex);
-        m_step = std::move(step);
+        m_step = step ? std::move(step) : [this] { m_stop = true; };
         m_wake.notify_all();
         m_wake.wait(lock, [this] { return !m_step; });
     }
 
   private:
-    void Serve() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        for (;;) {
-            m_wake.wait(lock, [this] { return m_stop || m_step; });
-            if (m_stop) return;
-            m_step();
-            m_step = nullptr;
-            m_wake.notify_all();
-        }
-    }
-
     std::mutex m_mutex;
     std::condition_variable m_wake;
     std::function<void()> m_step;
     bool m_stop = false;
-    std::thread m_thread;  // last: starts once the rest is built
+    std::thread m_thread{[this] {  // last: starts once the rest is built
+        std::unique_lock<std::mutex> lock(m_mutex);
+        while (!m_stop) {
+            m_wake.wait(lock, [this] { return static_cast<bool>(m_step); });
+            m_step();
+            m_step = nullptr;
+            m_wake.notify_all();
+        }
+    }};
 };
 
 }  // namespace vxcamtest
