@@ -627,8 +627,27 @@ TEST_F(OfflineLoggerTest, EachEntryOfTheTableReachesItsOwnOperation) {
                  EXPECT_FALSE(landed(kHeld)) << "dropped, not written";
              }},
     };
+    ChiOfflineLogEntry(nullptr);  // refused, not written through
     OfflineLogEntryTable table;
     ChiOfflineLogEntry(&table);
+    // Any of bits 2 to 7 makes a type invalid: it reaches no logger, and every entry answers 0.
+    for (uint32_t bits : {0x4u, 0x80u, 0x1FCu}) {
+        const auto bad = static_cast<OfflineLoggerType>(bits);
+        const int answers[] = {table.addLog(bad, "x\n"),
+                               table.flushLog(bad, 1),
+                               table.isEnable(bad),
+                               table.linkFlushTrigger(bad, NoteTrigger),
+                               table.getSetting(bad),
+                               table.setCleanupTrigger(bad, NoteTrigger),
+                               table.cleanupOlderLogFile(bad),
+                               table.setCoredumpPath(bad, "x"),
+                               table.enableCoredump(bad),
+                               table.disableCoredump(bad),
+                               table.isCoredumpEnabled(bad),
+                               table.setMultiPathMode(bad, 1),
+                               table.cleanupMemPool(bad)};
+        for (int answer : answers) EXPECT_EQ(answer, 0) << std::hex << bits;
+    }
     for (const auto& row : kRows) {
         SCOPED_TRACE(row.entry);
         TempDir root;
