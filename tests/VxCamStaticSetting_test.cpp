@@ -156,6 +156,62 @@ TEST(SettingLoad, EveryRowsDefaultAndKind) {
             R"( I VxCam   : VxCamDebug:\d+ UpdateLogInfo\(\) system log enable 1, offline log enable 0 debug log mask 0x0, wraning log mask 0xffff, info log mask 0x23, verb log mask 0x0$)"));
 }
 
+// Each line of an override file, and the value it leaves its setting with.
+TEST(SettingLoad, OverrideFileLinesAsTheLoaderReadsThem) {
+    // clang-format off
+    const struct {
+        std::string text;
+        const char* name;  // nullptr: a line that changes nothing
+        const char* value;
+    } lines[] = {
+        {"  Log Offline Enable =  1  ", "LogOfflineEnable", "1"},  // white space anywhere goes
+        {"EnablePreInit=11", "EnablePreInit", "0"},  // a switch is on only for exactly 1
+        {";ColorGamut=0", "ColorGamut", "1"},  // ';' comments the line out
+        {"LogInfoMask=ff", "LogInfoMask", "0xff"},  // radix 16 without a prefix
+        {"LogVerboseMask=0x3f", "LogVerboseMask", "0x3f"},  // and with one
+        {"NumberOfThread==5", "NumberOfThread", "5"},  // runs of '=' are one separator
+        {"=MaxRequestQueueDepth=7", "MaxRequestQueueDepth", "7"},  // a leading '=' is skipped
+        {"BufferReleaseWaterLevel=9=6", "BufferReleaseWaterLevel", "9"},  // so is a second value
+        {"CameraPosition=5,4,3", "CameraPosition", "5,4,3,0,0,0,0,0"},
+        {"DeInitNodeWaitTimeMs=", "DeInitNodeWaitTimeMs", "30000"},  // no value: skipped
+        {"ReleaseAllBufferWaitTimeMs", "ReleaseAllBufferWaitTimeMs", "15000"},
+        {"UnknownKey=5", nullptr, nullptr},
+        {"logenable=0", "LogEnable", "1"},  // keys are case-sensitive
+        {"DumpNodeInputMask=0x123456789abc", "DumpNodeInputMask", "0x123456789abc"},
+        {"NumberOfPhyCameraId=abc", "NumberOfPhyCameraId", "0"},  // not a number: 0
+        {"LivePendingRequestTimeOut=99999999999", "LivePendingRequestTimeOut", "1215752191"},
+        {"OverridePipeline=Bokeh Pipeline", "OverridePipeline", "BokehPipeline"},
+        {"UltraWideZoomStart=0.5x", "UltraWideZoomStart", "0.500000"},  // the leading number
+        {"\r", nullptr, nullptr},
+        // Lines longer than 127 characters arrive in pieces, each read as a line.
+        {"MaxRequestQueueDepthForBokeh=" + std::string(100, ' ') + "9",
+         "MaxRequestQueueDepthForBokeh", "3"},
+        {std::string(140, ' ') + "EnableAlgoMark=1", "EnableAlgoMark", "1"},
+        {"TraceLogMask=0x4", "TraceLogMask", "0x4"},  // no line end at the end of the file
+    };
+    // clang-format on
+    TempDir sysroot;
+    std::string file;
+    for (const auto& line : lines) file += (file.empty() ? "" : "\n") + line.text;
+    sysroot.Write("vendor/etc/camera/vxcamoverridesettings.txt", file);
+    sysroot.Write("vendor/build.prop", "vendor.vxf.feature.86=3\n");  // bit 0 among others
+    const Loaded loaded = LoadOn(sysroot);
+    ASSERT_EQ(loaded.process.exitCode, 0) << loaded.process.err;
+    std::map<std::string, std::string> listed(loaded.listed.begin(), loaded.listed.end());
+    for (const auto& line : lines) {
+        if (line.name == nullptr) continue;
+        EXPECT_EQ(listed[line.name], line.value) << line.text;
+    }
+    EXPECT_EQ(listed["TeleZoomStart"], "3.000000");  // the feature's
+    EXPECT_TRUE(HasLine(loaded.process.err,
+                        " I VxCam   : LoadOverrideSettings\\(\\):\\d+ Opening override settings "
+                        "text file: " +
+                                OverrideFile(sysroot) + "$"));
+    EXPECT_TRUE(HasLine(
+            loaded.process.err,
+            R"(UpdateLogInfo\(\) system log enable 1, offline log enable 1 debug log mask 0x0, wraning log mask 0xffff, info log mask 0xff, verb log mask 0x3f$)"));
+}
+
 TEST(SettingLoad, FeatureOverlayFileAndPropertiesInTurn) {
     struct Case {
         const char* what;
@@ -164,58 +220,7 @@ TEST(SettingLoad, FeatureOverlayFileAndPropertiesInTurn) {
         Values expected;
         std::vector<std::string> lines;  // patterns of the child's log lines
     };
-    const std::string longSkipped = "MaxRequestQueueDepthForBokeh=" + std::string(100, ' ') + "9";
-    const std::string longApplied = std::string(140, ' ') + "EnableAlgoMark=1";
     const Case cases[] = {
-            {"the override file's lines as the loader reads them",
-             "vendor.vxf.feature.86=3\n",
-             "  Log Offline Enable =  1  \n"
-             "EnablePreInit=11\n"
-             ";ColorGamut=0\n"
-             "LogInfoMask=ff\n"
-             "LogVerboseMask=0x3f\n"
-             "NumberOfThread==5\n"
-             "=MaxRequestQueueDepth=7\n"
-             "BufferReleaseWaterLevel=9=6\n"
-             "CameraPosition=5,4,3\n"
-             "DeInitNodeWaitTimeMs=\n"
-             "ReleaseAllBufferWaitTimeMs\n"
-             "UnknownKey=5\n"
-             "logenable=0\n"
-             "DumpNodeInputMask=0x123456789abc\n"
-             "NumberOfPhyCameraId=abc\n"
-             "LivePendingRequestTimeOut=99999999999\n"
-             "OverridePipeline=Bokeh Pipeline\n"
-             "UltraWideZoomStart=0.5x\n"
-             "\r\n" + longSkipped +
-                     "\n" + longApplied + "\n" +
-                     "TraceLogMask=0x4",  // no line end at the end of the file
-             {
-                     {"TeleZoomStart", "3.000000"},     // the feature: bit 0 among others
-                     {"LogOfflineEnable", "1"},         // white space anywhere is removed
-                     {"EnablePreInit", "0"},            // a switch is on only for exactly 1
-                     {"ColorGamut", "1"},               // ';' comments the line out
-                     {"LogInfoMask", "0xff"},           // radix 16 without a prefix
-                     {"LogVerboseMask", "0x3f"},        // and with one
-                     {"NumberOfThread", "5"},           // runs of '=' are one separator
-                     {"MaxRequestQueueDepth", "7"},     // a leading '=' is skipped
-                     {"BufferReleaseWaterLevel", "9"},  // text after a second '=' is ignored
-                     {"CameraPosition", "5,4,3,0,0,0,0,0"},
-                     {"DeInitNodeWaitTimeMs", "30000"},  // no value: skipped
-                     {"ReleaseAllBufferWaitTimeMs", "15000"},
-                     {"LogEnable", "1"},  // keys are case-sensitive
-                     {"DumpNodeInputMask", "0x123456789abc"},
-                     {"NumberOfPhyCameraId", "0"},                 // not a number: 0
-                     {"LivePendingRequestTimeOut", "1215752191"},  // the low 32 bits
-                     {"OverridePipeline", "BokehPipeline"},
-                     {"UltraWideZoomStart", "0.500000"},     // the leading number
-                     {"MaxRequestQueueDepthForBokeh", "3"},  // two pieces, neither key and value
-                     {"EnableAlgoMark", "1"},                // the second 127-character piece
-                     {"TraceLogMask", "0x4"},
-             },
-             {" I VxCam   : LoadOverrideSettings\\(\\):\\d+ Opening override settings text file: "
-              "\\S+/vendor/etc/camera/vxcamoverridesettings\\.txt$",
-              R"(UpdateLogInfo\(\) system log enable 1, offline log enable 1 debug log mask 0x0, wraning log mask 0xffff, info log mask 0xff, verb log mask 0x3f$)"}},
             {"properties win, compared with the text of the value before them",
              "# the default text of 0x23 is \"35\": unchanged, not read as 0x35\n"
              "vendor.camera.vcf.LogInfoMask=35\n"
