@@ -12,6 +12,7 @@
 
 #include <set>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -44,7 +45,6 @@ TEST(OsUtilsNames, GetFileNameToken) {
             {"a.b.c", 0, 32, 0, "unchanged"},  // counts down from the largest unsigned value
             {"..a...b..", 2, 32, 1, "b"},      // runs of dots are one separator
             {"...", 1, 32, 0, "unchanged"},
-            {"", 1, 32, 0, "unchanged"},
             {"abcdef.g", 1, 4, 1, "abc"},  // cut to the caller's token size
     };
     for (const Case& c : cases) {
@@ -149,13 +149,10 @@ TEST(OsUtilsTime, WallClockAndBootClock) {
     EXPECT_GT(now.seconds, 1700000000);
     EXPECT_GE(now.fraction, 0);
     EXPECT_LT(now.fraction, 1000000);  // microseconds in this variant
-
-    VxCam::VxCamTime first = {}, second = {};
-    EXPECT_EQ(OsUtils::GetTime(&first), 0);
-    EXPECT_EQ(OsUtils::GetTime(&second), 0);
-    EXPECT_LT(first.nanoSeconds, 1000000000);
-    EXPECT_TRUE(second.seconds > first.seconds ||
-                (second.seconds == first.seconds && second.nanoSeconds >= first.nanoSeconds));
+    VxCam::VxCamTime boot = {};
+    EXPECT_EQ(OsUtils::GetTime(&boot), 0);
+    EXPECT_GT(boot.seconds + boot.nanoSeconds, 0);
+    EXPECT_LT(boot.nanoSeconds, 1000000000);
     EXPECT_EQ(OsUtils::GetTime(nullptr), -1);
     tm utc = {};
     const long epoch = 86400;
@@ -163,26 +160,36 @@ TEST(OsUtilsTime, WallClockAndBootClock) {
     EXPECT_EQ(utc.tm_mday, 2);
 }
 
-TEST(OsUtilsStrings, SNPrintFGivesTheUntruncatedLength) {
-    char small[4];
+// SNPrintF's result is the untruncated length; the other wrappers hand on the caller's size,
+// error number and thread.
+TEST(OsUtilsStrings, FormattingCopiesAndIds) {
+    char small[4], copy[4], joined[8] = "ab", error[128];
     EXPECT_EQ(OsUtils::SNPrintF(small, sizeof(small), "%s", "hello"), 5);
     EXPECT_STREQ(small, "hel");
+    EXPECT_EQ(OsUtils::StrLCpy(copy, "hello", sizeof(copy)), 5u);
+    EXPECT_EQ(OsUtils::StrLCat(joined, "cdefgh", sizeof(joined)), 8u);
+    EXPECT_EQ(std::string(copy) + joined, "helabcdefg");
+    EXPECT_STREQ(OsUtils::StrError(error, sizeof(error), ENOENT), strerror(ENOENT));
+    EXPECT_EQ(std::make_pair(OsUtils::GetProcessID(), OsUtils::GetPid()),
+              std::make_pair(getpid(), getpid()));
+    std::thread([] { EXPECT_EQ(OsUtils::GetThreadID(), gettid()); }).join();
 }
 
-TEST(OsUtilsFiles, RoundTripAndFailures) {
+// The results the wrappers make of libc's, and their answers for null streams.
+TEST(OsUtilsFiles, ResultsAndFailures) {
     TempDir folder;
-    const std::string path = folder / "f.bin";
-    FILE* file = OsUtils::FOpen(path.c_str(), "w+");
-    ASSERT_NE(file, nullptr);
-    EXPECT_EQ(OsUtils::FPrintF(file, "%s-%d", "abc", 42), 6);
-    EXPECT_EQ(OsUtils::FWrite("xyz", 1, 3, file), 3u);
-    EXPECT_EQ(OsUtils::FFlush(nullptr), 0);  // as fflush(NULL): every stream, this one included
+    const std::string path = folder.Write("f.bin", "abc-42xyz");
     EXPECT_EQ(OsUtils::GetFileSize(path.c_str()), 9u);
-    EXPECT_EQ(OsUtils::FTell(file), 9);
-    EXPECT_EQ(OsUtils::FSeek(file, 0, SEEK_SET), 0);
+    FILE* file = OsUtils::FOpen(path.c_str(), "r+");
+    ASSERT_NE(file, nullptr);
+    EXPECT_EQ(OsUtils::FSeek(file, 4, SEEK_SET), 0);
     char text[16] = {};
-    EXPECT_EQ(OsUtils::FRead(text, 1, 1, 9, file), 9u);  // the buffer size is not a limit
-    EXPECT_STREQ(text, "abc-42xyz");
+    EXPECT_EQ(OsUtils::FRead(text, 1, 1, 5, file), 5u);  // the buffer size is not a limit
+    EXPECT_STREQ(text, "42xyz");
+    EXPECT_EQ(OsUtils::FTell(file), 9);
+    EXPECT_EQ(OsUtils::FWrite("!", 1, 1, file), 1u);
+    EXPECT_EQ(OsUtils::FFlush(nullptr), 0);  // as fflush(NULL): every stream, this one included
+    EXPECT_EQ(OsUtils::GetFileSize(path.c_str()), 10u);
     EXPECT_EQ(OsUtils::FClose(file), 0);
 
     struct stat64 info;

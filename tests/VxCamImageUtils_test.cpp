@@ -150,12 +150,7 @@ TEST(ImageGeometry, StrideAndSliceHeightRulesAtTheirBoundaries) {
     }
 }
 
-class ImageBufferSize : public ::testing::Test {
-  protected:
-    void TearDown() override { VxImageUtils::SetMaxJpegSize(kDefaultMaxJpegSize); }
-};
-
-TEST_F(ImageBufferSize, RulesAndTheJpegBound) {
+TEST(ImageBufferSize, RulesAndTheJpegBound) {
     using namespace VxCam;
     const struct {
         uint32_t format, width, height;
@@ -194,6 +189,7 @@ TEST_F(ImageBufferSize, RulesAndTheJpegBound) {
     EXPECT_EQ(VxImageUtils::GetBufferSize(Blob, 0xFFFFF000, 1, false), 0xFFFFF000u);
     EXPECT_EQ(VxImageUtils::GetBufferSize(Blob, 0xFFFFF001, 1, false), 0u);
     EXPECT_EQ(VxImageUtils::GetBufferSize(Jpeg, 0xFFFFFFFF, 1, false), 0u);
+    VxImageUtils::SetMaxJpegSize(kDefaultMaxJpegSize);
 }
 
 TEST(JpegBlobTrailer, ReadsTheSizeOnlyBehindAKnownBlobId) {
