@@ -130,7 +130,7 @@ TEST(ImageGeometry, StrideAndSliceHeightRulesAtTheirBoundaries) {
         {0, 4000, YUV420NV12TP10, 5336}, {0, 4001, YUV420NV21TP10, 5336},
         {0, 4002, YUV422NV16TP10, 5336}, {0, 4003, YUV420NV12TP10, 5340}, {0, 1, YUV420NV12TP10, 4},
         {0, 4032, PD10, 16128}, {0, 4033, PD10, 16128}, {0, 4034, PD10, 16320}, {0, 48, PD10, 192},
-        {0, 50, PD10, 384}, {0, 0, PD10, 0},
+        {0, 50, PD10, 384}, {0, 46, PD10, 192}, {0, 0, PD10, 0},
     };
     const GeometryCase sliceHeights[] = {
         {64, 3000, PD10, 1504}, {0, 2, PD10, 32}, {0, 128, PD10, 64}, {0, 130, PD10, 96},
