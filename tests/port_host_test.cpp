@@ -270,38 +270,74 @@ std::string Get(const char* key, const char* defaultValue) {
     return value;
 }
 
-TEST(PortHostPropertiesTest, BuildPropLinesAreParsed) {
+// Each build.prop line as every getter reads it: property_get (default "<d>"), property_get_bool
+// (-1), and the integers as strtoimax reads them with base 0 (-99, -77); the list holds what the
+// getter finds, and nothing that the file failed to set.
+TEST(PortHostPropertiesTest, BuildPropLinesAsEachGetterReadsThem) {
     const std::string len91 = std::string(90, 'a') + "Z";
-    const std::map<std::string, std::string> cases = {
-            {"vendor.test.plain", "hello"},
-            {"vendor.test.spaced", "two words"},
-            {"vendor.test.eq", "a=b"},
-            {"vendor.test.crlf", "dos"},
-            {"vendor.test.dup", "second"},
-            {"vendor.test.len91", len91},
-            {"ro.vendor.test.locked", "fixed"},
-            {"vendor.test.len92", "<default>"},
-            {"vendor.test.empty", "<default>"},
-            {"vendor.test.noequals", "<default>"},
-            {"#vendor.test.commented", "<default>"},
-            {"", "<default>"},
-            {"vendor.test.absent", "<default>"},
+    // clang-format off
+    const struct {
+        std::string key, text;
+        int flag;
+        int64_t as64;
+        int32_t as32;
+    } cases[] = {
+        {"vendor.test.plain", "hello", -1, -99, -77},
+        {"vendor.test.spaced", "two words", -1, -99, -77},
+        {"vendor.test.eq", "a=b", -1, -99, -77},
+        {"vendor.test.crlf", "dos", -1, -99, -77},
+        {"vendor.test.dup", "second", -1, -99, -77},
+        {"vendor.test.len91", len91, -1, -99, -77},
+        {"ro.vendor.test.locked", "fixed", -1, -99, -77},
+        {"vendor.test.len92", "<d>", -1, -99, -77},
+        {"vendor.test.empty", "<d>", -1, -99, -77},
+        {"vendor.test.noequals", "<d>", -1, -99, -77},
+        {"#vendor.test.commented", "<d>", -1, -99, -77},
+        {"", "<d>", -1, -99, -77},
+        {"vendor.test.absent", "<d>", -1, -99, -77},
+        {"vendor.test.bool.1", "1", 1, 1, 1}, {"vendor.test.bool.y", "y", 1, -99, -77},
+        {"vendor.test.bool.yes", "yes", 1, -99, -77}, {"vendor.test.bool.on", "on", 1, -99, -77},
+        {"vendor.test.bool.true", "true", 1, -99, -77}, {"vendor.test.bool.0", "0", 0, 0, 0},
+        {"vendor.test.bool.n", "n", 0, -99, -77}, {"vendor.test.bool.no", "no", 0, -99, -77},
+        {"vendor.test.bool.off", "off", 0, -99, -77}, {"vendor.test.bool.false", "false", 0, -99, -77},
+        {"vendor.test.bool.TRUE", "TRUE", -1, -99, -77}, {"vendor.test.bool.Yes", "Yes", -1, -99, -77},
+        {"vendor.test.bool.2", "2", -1, 2, 2}, {"vendor.test.bool.yess", "yess", -1, -99, -77},
+        {"vendor.test.int.hex", "0x1f", -1, 31, 31},
+        {"vendor.test.int.octal", "010", -1, 8, 8},
+        {"vendor.test.int.garbage", "12abc", -1, 12, 12},
+        {"vendor.test.int.nodigits", "abc", -1, -99, -77},
+        {"vendor.test.int.max64", "9223372036854775807", -1, INT64_MAX, -77},
+        {"vendor.test.int.over64", "9223372036854775808", -1, -99, -77},
+        {"vendor.test.int.min64", "-9223372036854775808", -1, INT64_MIN, -77},
+        {"vendor.test.int.under64", "-9223372036854775809", -1, -99, -77},
+        {"vendor.test.int.max32", "2147483647", -1, INT32_MAX, INT32_MAX},
+        {"vendor.test.int.over32", "2147483648", -1, 2147483648LL, -77},
+        {"vendor.test.int.min32", "-2147483648", -1, INT32_MIN, INT32_MIN},
+        {"vendor.test.int.under32", "-2147483649", -1, -2147483649LL, -77},
     };
-    // The list holds what the getter finds, and nothing the file failed to set.
+    // clang-format on
     std::map<std::string, std::string> listed;
     property_list(
             [](const char* key, const char* value, void* cookie) {
                 (*static_cast<std::map<std::string, std::string>*>(cookie))[key] = value;
             },
             &listed);
-    for (const auto& [key, expected] : cases) {
-        EXPECT_EQ(Get(key.c_str(), "<default>"), expected) << key;
-        EXPECT_EQ(listed[key], expected == "<default>" ? "" : expected) << key;
+    for (const auto& c : cases) {
+        const char* key = c.key.c_str();
+        EXPECT_EQ(Get(key, "<d>"), c.text) << key;
+        EXPECT_EQ(listed[key], c.text == "<d>" ? "" : c.text) << key;
+        EXPECT_EQ(property_get_bool(key, -1), c.flag) << key;
+        // Neither default may leak into a recognised word.
+        EXPECT_EQ(property_get_bool(key, 7), c.flag == -1 ? 7 : c.flag) << key;
+        errno = 1234;
+        EXPECT_EQ(property_get_int64(key, -99), c.as64) << key;
+        EXPECT_EQ(property_get_int32(key, -77), c.as32) << key;
+        EXPECT_EQ(errno, 1234) << key;
     }
     EXPECT_EQ(property_list(nullptr, &listed), -1);
 }
 
-TEST(PortHostPropertiesTest, GetHandlesDefaultsAndNulls) {
+TEST(PortHostPropertiesTest, DefaultsAndNulls) {
     const std::string longDefault(120, 'd');
     EXPECT_EQ(Get("vendor.test.absent", longDefault.c_str()), std::string(91, 'd'));
     EXPECT_EQ(Get("vendor.test.absent", nullptr), "");
@@ -310,54 +346,8 @@ TEST(PortHostPropertiesTest, GetHandlesDefaultsAndNulls) {
     char untouched[PROPERTY_VALUE_MAX] = "keep";
     EXPECT_EQ(property_get(nullptr, untouched, "x"), 0);
     EXPECT_STREQ(untouched, "keep");
-}
-
-TEST(PortHostPropertiesTest, BoolWords) {
-    const std::map<std::string, int> cases = {
-            {"1", 1},  {"y", 1},   {"yes", 1},   {"on", 1},    {"true", 1}, {"0", 0},  {"n", 0},
-            {"no", 0}, {"off", 0}, {"false", 0}, {"TRUE", -1}, {"Yes", -1}, {"2", -1}, {"yess", -1},
-    };
-    for (const auto& [word, expected] : cases) {
-        std::string key = "vendor.test.bool." + word;
-        EXPECT_EQ(property_get_bool(key.c_str(), -1), expected) << word;
-        // Neither default may leak into a recognised word.
-        EXPECT_EQ(property_get_bool(key.c_str(), 7), expected == -1 ? 7 : expected) << word;
-    }
     EXPECT_EQ(property_get_bool("vendor.test.absent", 1), 1);
     EXPECT_EQ(property_get_bool(nullptr, 1), 1);
-}
-
-TEST(PortHostPropertiesTest, IntegersParseAsStrtoimaxBaseZero) {
-    constexpr int64_t kDef64 = -99;
-    constexpr int32_t kDef32 = -77;
-    struct Case {
-        const char* key;
-        int64_t as64;
-        int32_t as32;
-    };
-    const Case cases[] = {
-            {"hex", 31, 31},
-            {"octal", 8, 8},
-            {"garbage", 12, 12},
-            {"nodigits", kDef64, kDef32},
-            {"max64", INT64_MAX, kDef32},
-            {"over64", kDef64, kDef32},
-            {"min64", INT64_MIN, kDef32},
-            {"under64", kDef64, kDef32},
-            {"max32", INT32_MAX, INT32_MAX},
-            {"over32", 2147483648LL, kDef32},
-            {"min32", INT32_MIN, INT32_MIN},
-            {"under32", -2147483649LL, kDef32},
-            {"absent", kDef64, kDef32},
-    };
-    for (const Case& c : cases) {
-        std::string key = std::string("vendor.test.int.") + c.key;
-        errno = 1234;
-        EXPECT_EQ(property_get_int64(key.c_str(), kDef64), c.as64) << c.key;
-        EXPECT_EQ(property_get_int32(key.c_str(), kDef32), c.as32) << c.key;
-        EXPECT_EQ(errno, 1234) << c.key;
-    }
-    EXPECT_EQ(property_get_int32("vendor.test.empty", 5), 5);
     EXPECT_EQ(property_get_int64(nullptr, 5), 5);
 }
 
