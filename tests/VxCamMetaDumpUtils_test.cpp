@@ -165,6 +165,7 @@ TEST(MetaDump, TimeStampPrintsMicrosecondsWithAtLeastFourDigits) {
         const char* expected;
     } cases[] = {{42, "20250203_090507_0042"},
                  {123456, "20250203_090507_123456"},
+                 {999999, "20250203_090507_999999"},
                  {0, "20250203_090507_0000"}};
     for (const auto& c : cases) {
         s_frozenNow = {kMorning, c.microseconds};
