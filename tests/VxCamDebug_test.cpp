@@ -17,6 +17,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "TestSupport.h"
@@ -48,17 +49,14 @@ class DebugFrame : public ::testing::Test {
     uint64_t m_savedTrace = 0;
 };
 
+// The error mask is never loaded from the settings: it keeps its all-groups start value.
 TEST_F(DebugFrame, LoadedDefaults) {
-    EXPECT_EQ(VxCam::g_logInfo.debugMask, 0u);
-    EXPECT_EQ(VxCam::g_logInfo.errorMask, 0xFFFFFFFFu);
-    EXPECT_EQ(VxCam::g_logInfo.warningMask, 0xFFFFu);
-    EXPECT_EQ(VxCam::g_logInfo.level3Mask, 0u);
-    EXPECT_EQ(VxCam::g_logInfo.infoMask, 0x23u);
-    EXPECT_EQ(VxCam::g_logInfo.verboseMask, 0u);
-    EXPECT_EQ(VxCam::g_logInfo.pLogFile, nullptr);
-    EXPECT_EQ(VxCam::g_logInfo.systemLogEnable, 1u);
-    EXPECT_EQ(VxCam::g_logInfo.offlineLogEnable, 0u);
-    EXPECT_EQ(VxCam::g_logInfo.isUpdated, 1u);
+    const VxCam::DebugLogInfo& info = VxCam::g_logInfo;
+    EXPECT_EQ(std::make_tuple(info.debugMask, info.errorMask, info.warningMask, info.level3Mask,
+                              info.infoMask, info.verboseMask, info.systemLogEnable,
+                              info.offlineLogEnable, info.isUpdated),
+              std::make_tuple(0u, 0xFFFFFFFFu, 0xFFFFu, 0u, 0x23u, 0u, 1u, 0u, 1u));
+    EXPECT_EQ(info.pLogFile, nullptr);
     EXPECT_EQ(VxCam::g_traceInfo, 0u);
     EXPECT_EQ(VxCam::g_logInfoStored, 0u);
 }
@@ -101,30 +99,32 @@ TEST_F(DebugFrame, AndroidPriorityOfEachLevel) {
     }
 }
 
-TEST_F(DebugFrame, MasksDecideByLevelAndGroup) {
+TEST_F(DebugFrame, MasksDecideByLevelAndGroupOnceTheSystemLogIsOn) {
     struct Case {
-        uint32_t infoMask;
-        uint32_t errorMask;
-        unsigned group;
-        unsigned level;
+        uint32_t infoMask, errorMask, systemLogEnable;
+        unsigned group, level;
         bool written;
     };
     const Case cases[] = {
-            {0x23, 0xFFFFFFFF, 1, 4, true},   // core info with the default mask
-            {0x23, 0xFFFFFFFF, 4, 4, false},  // utils info is not in 0x23
-            {0x04, 0xFFFFFFFF, 4, 4, true},
-            {0x00, 0xFFFFFFFF, 1, 1, true},  // errors pass in every group
-            {0x00, 0xFFFFFFFF, 0x80, 1, true},
-            {0x00, 0x00000000, 1, 1, false},  // only because a host cleared the error mask
-            {0xFF, 0xFFFFFFFF, 1, 7, false},  // no mask above verbose
+            {0x23, 0xFFFFFFFF, 1, 1, 4, true},   // core info with the default mask
+            {0x23, 0xFFFFFFFF, 1, 4, 4, false},  // utils info is not in 0x23
+            {0x04, 0xFFFFFFFF, 1, 4, 4, true},
+            {0x00, 0xFFFFFFFF, 1, 1, 1, true},  // errors pass in every group
+            {0x00, 0xFFFFFFFF, 1, 0x80, 1, true},
+            {0x00, 0x00000000, 1, 1, 1, false},  // only because a host cleared the error mask
+            {0xFF, 0xFFFFFFFF, 1, 1, 7, false},  // no mask above verbose
+            {0xFF, 0xFFFFFFFF, 0, 1, 1, false},  // the system log switch silences everything
+            {0xFF, 0xFFFFFFFF, 2, 1, 1, false},  // only exactly 1 enables
     };
     for (const Case& c : cases) {
         VxCam::g_logInfo.infoMask = c.infoMask;
         VxCam::g_logInfo.errorMask = c.errorMask;
+        VxCam::g_logInfo.systemLogEnable = c.systemLogEnable;
         LogCapture capture;
         VxCam::Log::LogSystem(c.group, "I", c.level, "probe");
         EXPECT_EQ(capture.Lines().size(), c.written ? 1u : 0u)
-                << "mask " << c.infoMask << " group " << c.group << " level " << c.level;
+                << "mask " << c.infoMask << " switch " << c.systemLogEnable << " group " << c.group
+                << " level " << c.level;
     }
 }
 
@@ -145,16 +145,6 @@ TEST_F(DebugFrame, GateSkipsArgumentsUnlessTheMasksAreNotYetKnown) {
     VxCam::g_logInfoUpdated = 0;
     VXCAM_LOGI(CORE, "%d", CountedArgument());
     EXPECT_EQ(s_argumentEvaluations, 1);
-    EXPECT_TRUE(capture.Lines().empty());
-}
-
-TEST_F(DebugFrame, SystemLogSwitchSilencesEverything) {
-    LogCapture capture;
-    VxCam::g_logInfo.systemLogEnable = 0;
-    VXCAM_LOGE(CORE, "lost");
-    VxCam::Log::LogSystem(1, "E", 1, "lost too");
-    VxCam::g_logInfo.systemLogEnable = 2;  // only exactly 1 enables
-    VxCam::Log::LogSystem(1, "E", 1, "lost as well");
     EXPECT_TRUE(capture.Lines().empty());
 }
 
@@ -202,43 +192,31 @@ TEST_F(DebugFrame, MessagesPrintAsPrintfWouldAndAreCutAt1023Characters) {
     EXPECT_EQ(messages[0], x.substr(0, 1023));
 }
 
+// Loading closes a log file a host left open, reloads the masks and enables from the settings,
+// and keeps the error and level-3 masks and the upper half of the trace mask.
 TEST_F(DebugFrame, FirstMessageLoadsTheMasksWhenNotYetLoaded) {
-    LogCapture capture;
-    VxCam::g_logInfo.isUpdated = 0;
-    VxCam::g_logInfo.infoMask = 0;
-    VxCam::g_logInfo.systemLogEnable = 0;
-    VxCam::Log::LogSystem(1, "I", 4, "after load");
-    EXPECT_EQ(VxCam::g_logInfo.isUpdated, 1u);
-    EXPECT_EQ(VxCam::g_logInfo.infoMask, 0x23u);
-    const std::vector<std::string> messages = capture.Messages();
-    ASSERT_EQ(messages.size(), 2u);
-    EXPECT_NE(messages[0].find("UpdateLogInfo() system log enable 1"), std::string::npos);
-    EXPECT_EQ(messages[1], "after load");
-}
-
-TEST_F(DebugFrame, UpdateLogInfoReloadsClosesTheLogFileAndKeepsTheErrorMask) {
     LogCapture capture;
     FILE* file = tmpfile();
     ASSERT_NE(file, nullptr);
     const int fd = fileno(file);
-    VxCam::g_logInfo.pLogFile = file;
-    VxCam::g_logInfo.errorMask = 0x5;
-    VxCam::g_logInfo.level3Mask = 0x7;
-    VxCam::g_logInfo.warningMask = 0;
+    VxCam::g_logInfo = {0, 0x5, 0, 0x7, 0, 0, file, 0, 0, 0};
     VxCam::g_traceInfo = 0xABCD000000001234ull;
-    VxCam::Log::UpdateLogInfo();
-    EXPECT_EQ(VxCam::g_logInfo.pLogFile, nullptr);
+    VxCam::Log::LogSystem(1, "I", 4, "after load");
+    const VxCam::DebugLogInfo& info = VxCam::g_logInfo;
+    EXPECT_EQ(std::make_tuple(info.debugMask, info.errorMask, info.warningMask, info.level3Mask,
+                              info.infoMask, info.verboseMask, info.pLogFile, info.systemLogEnable,
+                              info.offlineLogEnable, info.isUpdated),
+              std::make_tuple(0u, 0x5u, 0xFFFFu, 0x7u, 0x23u, 0u, nullptr, 1u, 0u, 1u));
+    EXPECT_EQ(VxCam::g_traceInfo, 0xABCD000000000000ull);
     errno = 0;
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);  // closed
     EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(VxCam::g_logInfo.errorMask, 0x5u);
-    EXPECT_EQ(VxCam::g_logInfo.level3Mask, 0x7u);
-    EXPECT_EQ(VxCam::g_logInfo.warningMask, 0xFFFFu);
-    EXPECT_EQ(VxCam::g_traceInfo, 0xABCD000000000000ull);  // TraceLogMask lands in the low half
     const std::vector<vxcamtest::LogLine> lines = capture.Lines();
-    ASSERT_EQ(lines.size(), 1u);
+    ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].priority, ANDROID_LOG_INFO);
-    EXPECT_EQ(lines[0].message.substr(0, 11), "VxCamDebug:");
+    EXPECT_EQ(lines[0].message.rfind("VxCamDebug:", 0), 0u);
+    EXPECT_NE(lines[0].message.find(" UpdateLogInfo() system log enable 1"), std::string::npos);
+    EXPECT_EQ(lines[1].message, "after load");
 }
 
 // The offline copy of a line carries the local time of the zone in force when it is logged: a zone
@@ -270,12 +248,6 @@ TEST_F(DebugFrame, OfflineCopiesFollowATimeZoneChange) {
     }
     ASSERT_EQ(hours.size(), 2u);
     EXPECT_EQ(hours["VXT-5"], (hours["UTC0"] + 5) % 24);
-}
-
-TEST_F(DebugFrame, GetFileNameGivesTheBaseName) {
-    EXPECT_STREQ(VxCam::Log::GetFileName("hardware/camera/common/utils/VxCamCommonUtils"),
-                 "VxCamCommonUtils");
-    EXPECT_STREQ(VxCam::Log::GetFileName("VxCamDebug"), "VxCamDebug");
 }
 
 }  // namespace

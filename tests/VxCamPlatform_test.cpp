@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <regex>
 #include <string>
 
 #include "TestSupport.h"
@@ -22,6 +23,9 @@ namespace {
 
 using VxCam::OsUtils;
 
+constexpr char kErrorUtils[] = "[ERROR   ][UTILS  ] ", kInfoUtils[] = "[INFO    ][UTILS  ] ",
+               kVerboseUtils[] = "[VERBOSE ][UTILS  ] ", kInfoCore[] = "[INFO    ][CORE   ] ";
+
 // The utils and core groups' info and verbose lines, whatever the default masks.
 struct LinesShown : vxcamtest::LogCapture {
     LinesShown() : saved(VxCam::g_logInfo) {
@@ -29,6 +33,19 @@ struct LinesShown : vxcamtest::LogCapture {
         VxCam::g_logInfo.verboseMask |= VXCAM_GROUP_BIT_UTILS;
     }
     ~LinesShown() { VxCam::g_logInfo = saved; }
+    // Whether a line of `frame`'s level, at that level's priority, and group holds `text`.
+    bool Has(const std::string& frame, const std::string& text) const {
+        const int priority = frame[1] == 'E'   ? ANDROID_LOG_ERROR
+                             : frame[1] == 'I' ? ANDROID_LOG_INFO
+                                               : ANDROID_LOG_VERBOSE;
+        for (const vxcamtest::LogLine& line : Lines()) {
+            if (line.priority == priority && line.message.rfind(frame, 0) == 0 &&
+                line.message.find(text) != std::string::npos) {
+                return true;
+            }
+        }
+        return false;
+    }
     VxCam::DebugLogInfo saved;
 };
 
@@ -75,9 +92,8 @@ TEST(Platform, PrebuiltLibraryFromTheVendorFolder) {
         log.Clear();
         handle = &handle;
         EXPECT_EQ(OsUtils::LoadPreBuiltLibrary(f.library, f.symbol, &handle), nullptr);
-        EXPECT_TRUE(log.Has("[ERROR   ][UTILS  ] VxCamCommonUtils.cpp:"));
-        EXPECT_TRUE(log.Has(f.call));
-        EXPECT_TRUE(log.Has(f.detail));
+        EXPECT_TRUE(log.Has(kErrorUtils, f.call));
+        EXPECT_TRUE(log.Has(kErrorUtils, f.detail));
         EXPECT_EQ(handle != nullptr, f.opened);
         if (handle == nullptr) continue;
         EXPECT_NE(OsUtils::LibGetAddr(handle, "VxCamFixtureAnswer"), nullptr);
@@ -148,11 +164,11 @@ TEST(Platform, MapAndUnmapAFile) {
     EXPECT_EQ(vxcamtest::ReadFile(path).substr(0, 6), "frame.");
 
     EXPECT_EQ(OsUtils::MemMap(fd, page, 1), nullptr);  // offsets must be whole pages
-    EXPECT_TRUE(log.Has("[INFO    ][UTILS  ]"));
-    EXPECT_TRUE(log.Has("mmap() failed! errno=22, bufferFD=" + std::to_string(fd) +
-                        ", bufferLength=" + std::to_string(page) + " offset=1"));
+    EXPECT_TRUE(
+            log.Has(kInfoUtils, "MemMap() mmap() failed! errno=22, bufferFD=" + std::to_string(fd) +
+                                        ", bufferLength=" + std::to_string(page) + " offset=1"));
     EXPECT_EQ(OsUtils::MemUnmap(mapped + 1, page), -1);
-    EXPECT_TRUE(log.Has("munmap() failed! errno 22"));
+    EXPECT_TRUE(log.Has(kInfoUtils, "MemUnmap() munmap() failed! errno 22"));
     close(fd);
 }
 
@@ -169,9 +185,9 @@ TEST(Platform, ThreadsAndPriorities) {
     EXPECT_EQ(OsUtils::ThreadSetName(pthread_self(), "a-name-over-15-chars"), 1);  // not ERANGE
     pthread_t self = pthread_self();
     EXPECT_EQ(OsUtils::ThreadSetPolicyPriority(&self, SCHED_OTHER, 5), 1);
-    EXPECT_TRUE(log.Has("Failed to set thread priority 22"));
+    EXPECT_TRUE(log.Has(kInfoUtils, "ThreadSetPolicyPriority() Failed to set thread priority 22"));
     EXPECT_EQ(OsUtils::SetPriority(-1, 0, 0), 1);
-    EXPECT_TRUE(log.Has("Failed to set  priority -1"));
+    EXPECT_TRUE(log.Has(kInfoUtils, "SetPriority() Failed to set  priority -1"));
 }
 
 std::string BoundCpus() {
@@ -198,8 +214,7 @@ TEST(Platform, AffinityOfTheCallingThread) {
     const int cores[] = {1, 2000, -1};
     OsUtils::BindCores(cores, 3);
     EXPECT_EQ(BoundCpus(), "1 ");
-    EXPECT_TRUE(log.Has("[VERBOSE ][UTILS  ]"));
-    EXPECT_TRUE(log.Has("BindCores() Bind cpu core number {1, 2000, -1}"));
+    EXPECT_TRUE(log.Has(kVerboseUtils, "BindCores() Bind cpu core number {1, 2000, -1}"));
     sched_setaffinity(0, sizeof(saved), &saved);
 }
 
@@ -219,18 +234,29 @@ TEST(Platform, FileLimitOnlyRises) {
     EXPECT_EQ(soft(), 1024u);
     EXPECT_EQ(OsUtils::SetFDLimit(2048), 0);
     EXPECT_EQ(soft(), 2048u);
-    EXPECT_TRUE(log.Has("[INFO    ][CORE   ]"));
-    EXPECT_TRUE(log.Has("SetFDLimit() Current limit (RLIMIT_NOFILE):1024"));
-    EXPECT_TRUE(log.Has("SetFDLimit() New limit (RLIMIT_NOFILE):2048"));
+    EXPECT_TRUE(log.Has(kInfoCore, "SetFDLimit() Current limit (RLIMIT_NOFILE):1024"));
+    EXPECT_TRUE(log.Has(kInfoCore, "SetFDLimit() New limit (RLIMIT_NOFILE):2048"));
     EXPECT_EQ(OsUtils::SetFDLimit(static_cast<unsigned>(saved.rlim_max) + 1), 1);
-    EXPECT_TRUE(log.Has("setrlimit(RLIMIT_NOFILE) failed; errno:22"));
+    EXPECT_TRUE(log.Has(kInfoCore, "SetFDLimit() setrlimit(RLIMIT_NOFILE) failed; errno:22"));
     setrlimit(RLIMIT_NOFILE, &saved);
 }
 
 TEST(Platform, SystemQueriesFencesAndTheMetadataFolder) {
     LinesShown log;
     EXPECT_FALSE(OsUtils::Is32bitMode());
-    EXPECT_TRUE(log.Has("Is32bitMode() sysname Linux, nodename "));
+    EXPECT_TRUE(log.Has(kVerboseUtils, "Is32bitMode() sysname Linux, nodename "));
+    // Total RAM in bytes, as the system reports it in pages, and the line's figures multiply to it.
+    const unsigned long total = OsUtils::GetTotalRam();
+    EXPECT_EQ(total, static_cast<unsigned long>(sysconf(_SC_PHYS_PAGES) * sysconf(_SC_PAGESIZE)));
+    std::smatch figures;
+    const std::regex ramLine(R"(\[INFO    \]\[UTILS  \] \S+ GetTotalRam\(\) totalram = (\d+), )"
+                             R"(freeram = \d+ mem_unit = (\d+) )");
+    const std::vector<vxcamtest::LogLine> lines = log.Lines();
+    ASSERT_EQ(lines.size(), 2u);
+    ASSERT_TRUE(std::regex_match(lines[1].message, figures, ramLine)) << lines[1].message;
+    EXPECT_EQ(lines[1].priority, ANDROID_LOG_INFO);
+    EXPECT_EQ(std::stoul(figures[1]) * std::stoul(figures[2]), total);
+
     int fence[2];
     ASSERT_EQ(pipe(fence), 0);
     EXPECT_EQ(OsUtils::NativeFenceWait(fence[0], 0), 1);  // not yet signalled
@@ -245,8 +271,12 @@ TEST(Platform, SystemQueriesFencesAndTheMetadataFolder) {
     OsUtils::SetMetadataDumpDirectoryPath();
     setenv("VXCAM_SYSROOT", saved.c_str(), 1);
     const std::string folder = sysroot / "data/vendor/camera/metadata";
-    EXPECT_TRUE(log.Has("Camera Metadata Dump: Create root Dir: " + folder + " return = 0"));
-    EXPECT_TRUE(log.Has("Camera Metadata Dump: Dir:" + folder + " already exists"));
+    EXPECT_TRUE(log.Has(kInfoUtils,
+                        "SetMetadataDumpDirectoryPath() Camera Metadata Dump: Create "
+                        "root Dir: " +
+                                folder + " return = 0"));
+    EXPECT_TRUE(log.Has(kInfoUtils, "SetMetadataDumpDirectoryPath() Camera Metadata Dump: Dir:" +
+                                            folder + " already exists"));
 }
 
 volatile sig_atomic_t s_debuggerSignals = 0;

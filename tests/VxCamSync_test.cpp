@@ -82,25 +82,20 @@ class Sync : public ::testing::Test {
     }
 };
 
-TEST_F(Sync, ConditionalDecrementsNeverGoBelowZero) {
+TEST_F(Sync, AtomicsOfEachWidthAndConditionalDecrementsThatNeverGoBelowZero) {
     for (const auto& [start, expected] : {std::pair{0, 0}, {-5, -5}, {3, 2}, {1, 0}}) {
         volatile int value = start;
         EXPECT_EQ(VxCam::VxCamAtomicDec(&value), expected) << start;
         EXPECT_EQ(value, expected) << start;
     }
-    struct Case {
-        unsigned start, amount, expected;
-    };
-    for (const Case& c : {Case{5, 7, 5}, Case{5, 5, 0}, Case{5, 4, 1}}) {
-        volatile unsigned value = c.start;
-        EXPECT_EQ(VxCam::VxCamAtomicDecU32(&value, c.amount), c.expected) << c.amount;
-        EXPECT_EQ(value, c.expected) << c.amount;
+    for (const auto& [amount, expected] : {std::pair{7u, 5u}, {5u, 0u}, {4u, 1u}}) {
+        volatile unsigned value = 5;
+        EXPECT_EQ(VxCam::VxCamAtomicDecU32(&value, amount), expected) << amount;
+        EXPECT_EQ(value, expected) << amount;
     }
     volatile unsigned zero = 0;
     EXPECT_EQ(VxCam::VxCamAtomicDecU(&zero), 0u);  // no wrap to UINT_MAX
-}
 
-TEST_F(Sync, OperandWidthsExchangeAndCounting) {
     volatile int value = 4;
     EXPECT_EQ(VxCam::VxCamAtomicCompareExchange(&value, 4, 9), 1);
     EXPECT_EQ(VxCam::VxCamAtomicCompareExchange(&value, 5, 1), 0);
@@ -127,7 +122,7 @@ TEST_F(Sync, OperandWidthsExchangeAndCounting) {
     EXPECT_EQ(VxCam::VxCamAtomicLoadU(&counter), 400000u);
 }
 
-TEST_F(Sync, SignalWaitAndExpiry) {
+TEST_F(Sync, SemaphoreWaitsAndTheTimedWaitsDeadline) {
     Semaphore* semaphore = Semaphore::Create();
     ASSERT_NE(semaphore, nullptr);
     semaphore->Signal();
@@ -135,12 +130,8 @@ TEST_F(Sync, SignalWaitAndExpiry) {
     semaphore->Wait();
     EXPECT_EQ(semaphore->TimedWait(0), 0);   // the second post
     EXPECT_EQ(semaphore->TimedWait(20), 1);  // -1 from the system, not ETIMEDOUT: 1
-    semaphore->Destroy();
-}
 
-TEST_F(Sync, TimedWaitDeadlineCarriesIntoSeconds) {
-    Semaphore* semaphore = Semaphore::Create();
-    ASSERT_NE(semaphore, nullptr);
+    // The deadline carries nanoseconds into seconds.
     s_fakes.clock = s_fakes.timedWait = true;
     s_fakes.timedWaitResult = -1;
     struct Case {
