@@ -64,6 +64,12 @@ TEST(Platform, PrebuiltLibraryFromTheVendorFolder) {
     EXPECT_TRUE(log.Has(kErrorUtils, std::string(" LibMap() dlopen: ")));
     EXPECT_TRUE(log.Has(kErrorUtils, ", on '" + std::string(getenv("VXCAM_SYSROOT")) +
                                              "/vendor/lib64/libabsent.so'"));
+    // Null is the main program to dlopen; a null symbol name fails as a missing symbol would.
+    void* program = OsUtils::LibMap(nullptr);
+    EXPECT_NE(program, nullptr);
+    EXPECT_EQ(OsUtils::LibGetAddr(program, nullptr), nullptr);
+    EXPECT_TRUE(log.Has(kErrorUtils, " LibGetAddr() Error: dlsym((null)): N/A"));
+    EXPECT_EQ(OsUtils::LibUnmap(program), 0);
     log.Clear();
     EXPECT_EQ(OsUtils::LibGetAddr(nullptr, "VxCamFixtureAnswer"), nullptr);
     EXPECT_EQ(OsUtils::LibUnmap(nullptr), 3);
