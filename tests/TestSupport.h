@@ -1,5 +1,4 @@
-// Helpers shared by the test suites: capturing the Android log, temporary folders, and running a
-// child process with a prepared environment.
+// Helpers shared by the suites: the Android log captured, temporary folders, child processes.
 #ifndef VXCAM_TEST_SUPPORT_H
 #define VXCAM_TEST_SUPPORT_H
 
@@ -15,6 +14,7 @@
 #include <VxCamLogSink.h>
 #include <android/log.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -30,8 +30,7 @@ namespace vxcamtest {
 
 struct LogLine {
     int priority;
-    std::string tag;
-    std::string message;
+    std::string tag, message;
 };
 
 // Swaps the Android logger for a recorder while in scope.
@@ -48,8 +47,6 @@ class LogCapture {
         s_current = nullptr;
     }
     LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
     std::vector<LogLine> Lines() const {
         std::lock_guard<std::mutex> lock(s_mutex);
         return m_lines;
@@ -63,12 +60,10 @@ class LogCapture {
         std::lock_guard<std::mutex> lock(s_mutex);
         m_lines.clear();
     }
-    // Whether any recorded message contains `text`.
-    bool Has(const std::string& text) const {
-        for (const std::string& message : Messages()) {
-            if (message.find(text) != std::string::npos) return true;
-        }
-        return false;
+    bool Has(const std::string& text) const {  // in any message
+        const std::vector<std::string> all = Messages();
+        return std::any_of(all.begin(), all.end(),
+                           [&](const std::string& m) { return m.find(text) != std::string::npos; });
     }
 
   private:
@@ -90,17 +85,12 @@ class TempDir {
         std::string pattern = (std::filesystem::temp_directory_path() / "vxcamtest.XXXXXX").string();
         m_path = mkdtemp(pattern.data());
     }
-    ~TempDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
+    ~TempDir() { std::filesystem::remove_all(m_path, m_ignored); }
     TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
     const std::string& Path() const { return m_path; }
     std::string operator/(const std::string& relative) const { return m_path + "/" + relative; }
 
-    // Writes `text` to the relative path, creating folders on the way.
+    // Creates the folders on the way.
     std::string Write(const std::string& relative, const std::string& text) const {
         const std::filesystem::path file = m_path + "/" + relative;
         std::filesystem::create_directories(file.parent_path());
@@ -116,24 +106,22 @@ class TempDir {
 
   private:
     std::string m_path;
+    std::error_code m_ignored;
 };
 
 inline std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::stringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 
 struct ProcessResult {
     int exitCode = -1;  // -1 when the child did not exit normally
     int signal = 0;
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
-// Runs argv[0] with this process's environment plus `env` (a value of "\x01" removes the
-// variable), its output streams kept in memory files until it ends.
+// Runs argv[0] with this environment plus `env` ("\x01" removes a variable), its output in memory.
 inline ProcessResult RunProcess(const std::vector<std::string>& argv,
                                 const std::map<std::string, std::string>& env = {}) {
     std::vector<std::string> environment, arguments = argv;
@@ -179,12 +167,10 @@ struct ChildEnd {
     int signal;
 };
 
-// Exit status of a child that returned from its body instead of ending itself.
-constexpr int kChildReturned = 3;
+constexpr int kChildReturned = 3;  // the exit status of a child whose body returned
 
-// Runs `body` in a forked child on a fresh sysroot `root` (its camera folder made), from the
-// sysroot's folder; a child that returns from `body` exits with kChildReturned, one that hangs is
-// ended by SIGALRM after 30 s.
+// Runs `body` in a forked child from the sysroot `root` (its camera folder made); a hang ends by
+// SIGALRM after 30 s.
 inline ChildEnd RunInChild(const TempDir& root, const std::function<void()>& body) {
     std::filesystem::create_directories(root / "data/vendor/camera");
     setenv("VXCAM_SYSROOT", root.Path().c_str(), 1);
@@ -201,14 +187,12 @@ inline ChildEnd RunInChild(const TempDir& root, const std::function<void()>& bod
             WIFSIGNALED(status) ? WTERMSIG(status) : 0};
 }
 
-// Only where the build has vxcamctl (VXCAM_BUILD_TOOLS).
-#ifdef VXCAMCTL_PATH
+#ifdef VXCAMCTL_PATH  // where the build has vxcamctl
 inline std::string Vxcamctl() {
     return VXCAMCTL_PATH;
 }
 
-// Runs vxcamctl with `arguments`; `logTags` filters the library's Android log on stderr (by
-// default everything is kept out of the way).
+// `logTags` filters the library's Android log on stderr.
 inline ProcessResult RunVxcamctl(const std::vector<std::string>& arguments,
                                  const std::string& logTags = "*:s") {
     std::vector<std::string> argv = {Vxcamctl()};
@@ -216,14 +200,12 @@ inline ProcessResult RunVxcamctl(const std::vector<std::string>& arguments,
     return RunProcess(argv, {{"ANDROID_LOG_TAGS", logTags}});
 }
 
-// A vxcamctl command line and what it must answer: the exit status, and texts its output holds in
-// this order (stdout, then stderr) or must not hold. A usage error (status 2) says so on stderr
-// alone.
+// A vxcamctl command line, its exit status, and texts its output (stdout, then stderr) holds in
+// this order or must not hold. A usage error (status 2) says so on stderr alone.
 struct ToolCase {
     std::vector<std::string> arguments;
     int exitCode;
-    std::vector<std::string> present;
-    std::vector<std::string> absent = {};
+    std::vector<std::string> present, absent = {};
     std::string logTags = "*:s";
 };
 
@@ -244,9 +226,7 @@ inline ProcessResult ExpectTool(const ToolCase& c) {
         if (at != std::string::npos) from = at + text.size();
     }
     for (const std::string& text : c.absent) {
-        EXPECT_EQ(output.find(text), std::string::npos)
-                << command << "\nunexpected: " << text << "\n"
-                << output;
+        EXPECT_EQ(output.find(text), std::string::npos) << command << "\nunexpected: " << text;
     }
     return result;
 }

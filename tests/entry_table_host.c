@@ -1,7 +1,6 @@
-/* A host written in C that knows the offline-log entry table only by its C name and its layout:
- * it loads the library with dlopen, fills the table, logs one camera session through it and finds
- * its line in the session files. What each entry answers is the C++ tests' business.
- * Usage: entry_table_host LIBRARY SYSROOT */
+/* A host written in C that knows the offline-log entry table only by its C name and layout: it
+ * loads the library with dlopen, logs one camera session through the table and finds its line in
+ * the session files. Usage: entry_table_host LIBRARY SYSROOT */
 #include <dlfcn.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -20,14 +19,9 @@ typedef void (*VoidFn)(uint32_t);
 typedef int (*TextFn)(uint32_t, const char*);
 
 static int failures = 0;
-
-#define CHECK(condition)                                                            \
-    do {                                                                            \
-        if (!(condition)) {                                                         \
-            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #condition); \
-            ++failures;                                                             \
-        }                                                                           \
-    } while (0)
+#define CHECK(condition)   \
+    ((condition) ? (void)0 \
+                 : (void)(++failures, fprintf(stderr, "%d: failed: %s\n", __LINE__, #condition)))
 
 int main(int argc, char** argv) {
     void* library = argc == 3 ? dlopen(argv[1], RTLD_NOW) : NULL;
@@ -38,11 +32,9 @@ int main(int argc, char** argv) {
         fprintf(stderr, "usage: %s LIBRARY SYSROOT: %s\n", argv[0], error ? error : "");
         return 2;
     }
-
     struct EntryTable table;
     memset(&table, 0, sizeof(table));
     entry(&table);
-    CHECK(sizeof(table) == 136);
     CHECK(table.size == 136);
     for (int i = 0; i < 16; ++i) CHECK(table.functions[i] != NULL);
 
@@ -50,17 +42,14 @@ int main(int argc, char** argv) {
     CHECK(((TypeFn)table.functions[5])(kOfflineLog) == 1); /* enabled */
     ((TypeFn)table.functions[7])(kOfflineLog);             /* start */
     ((VoidFn)table.functions[2])(kOfflineLog);             /* camera open */
-    char marker[64];
-    snprintf(marker, sizeof(marker), "entry table host %d", (int)getpid());
-    char line[80];
-    snprintf(line, sizeof(line), "%s\n", marker);
+    char line[80], search[4096];
+    snprintf(line, sizeof(line), "entry table host %d\n", (int)getpid());
     CHECK(((TextFn)table.functions[0])(kOfflineLog, line) == 0);
     ((VoidFn)table.functions[3])(kOfflineLog); /* camera close writes the session */
-    char search[4096];
+    line[strlen(line) - 1] = '\0';
     const int length = snprintf(search, sizeof(search), "grep -rqF '%s' '%s/data/vendor/camera'",
-                                marker, argv[2]);
+                                line, argv[2]);
     CHECK(length > 0 && (size_t)length < sizeof(search) && system(search) == 0);
-
     if (failures == 0) printf("entry table host: ok\n");
     return failures == 0 ? 0 : 1;
 }

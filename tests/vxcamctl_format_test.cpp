@@ -14,10 +14,6 @@ using vxcamtest::ProcessResult;
 using vxcamtest::TempDir;
 using vxcamtest::ToolCase;
 
-ProcessResult RunVxcamctl(const std::vector<std::string>& arguments) {
-    return vxcamtest::RunVxcamctl(arguments, "*:e");
-}
-
 TEST(VxcamctlFormat, ReportsOneFormatByAnyOfItsNames) {
     const std::string report =
             "format         3 YUV420NV12\n"
@@ -42,16 +38,14 @@ TEST(VxcamctlFormat, ReportsOneFormatByAnyOfItsNames) {
         std::string asked;
     } names[] = {
             {"NV12", ""},
-            {"yuv420nv12", ""},
             {"0x3",
              "asked for      0x3, read as the library's own format value; for Android's "
              "HAL_PIXEL_FORMAT_RGB_888 (0x3) write --hal 0x3\n"},
             {"YCBCR_420_888", fromHal},
-            {"HAL_PIXEL_FORMAT_YCbCr_420_888", fromHal},
             {"--hal=0x23", fromHal},
     };
     for (const auto& n : names) {
-        const ProcessResult result = RunVxcamctl({"format", n.name, "4000x3000"});
+        const ProcessResult result = vxcamtest::RunVxcamctl({"format", n.name, "4000x3000"}, "*:e");
         ASSERT_EQ(result.exitCode, 0) << n.name << result.err;
         EXPECT_EQ(result.out, n.asked + report) << n.name;
         // The report speaks for the library: its error lines stay out of the way.
@@ -68,10 +62,6 @@ TEST(VxcamctlFormat, ReportsOneFormatByAnyOfItsNames) {
              0,
              {"a HAL takes the library's RawPlain16 (10) for it\n",
               "for the library's own enumerator Raw16: vxcamctl format 27\n"}},
-            {{"format", "hal_pixel_format_blob"},
-             0,
-             {"a HAL takes the library's Jpeg (0) for it\n"
-              "               Blob (6), Jpgr (37), DepthJpeg (38) report this HAL format too\n"}},
             {{"format", "--hal", "0x22"},
              1,
              {"HAL_PIXEL_FORMAT_IMPLEMENTATION_DEFINED (0x22): no library format reports this HAL "
@@ -98,7 +88,6 @@ TEST(VxcamctlFormat, ReportsOneFormatByAnyOfItsNames) {
              {"'TP10' is more than one image format: YUV420NV12TP10, YUV420NV21TP10, "
               "YUV422NV16TP10"}},
             {{"format", "NV13"}, 2, {"'NV13' is no image format"}},
-            {{"format", "--hal", "0x99"}, 2, {"--hal '0x99' is no Android HAL pixel format"}},
             {{"format", "NV12", "4000"}, 2, {"'4000' is not a size WIDTHxHEIGHT"}},
     };
     for (const ToolCase& c : cases) ExpectTool(c);
@@ -127,7 +116,7 @@ TEST(VxcamctlJpeg, ReadsTheBlobTrailer) {
     };
     for (const auto& c : cases) {
         const std::string path = folder.Write("capture.blob", c.content);
-        const ProcessResult result = RunVxcamctl({"jpeg", path});
+        const ProcessResult result = vxcamtest::RunVxcamctl({"jpeg", path}, "*:e");
         EXPECT_EQ(result.exitCode, c.exitCode);
         EXPECT_EQ(result.out, path + ": " + c.line + "\n");
     }

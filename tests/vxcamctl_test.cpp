@@ -20,24 +20,14 @@ using vxcamtest::ToolCase;
 
 TEST(Vxcamctl, AnswersEachCommandLine) {
     TempDir folder;
-    const std::string lint = folder.Write("override.txt",
-                                          "; a comment\n"                       // 1: fine
-                                          "\n"                                  // 2: fine
-                                          "LogInfoMsk=0x3\n"                    // 3
-                                          "LogEnable\n"                         // 4
-                                          "DumpInputInfo=2\n"                   // 5: not base 2
-                                          "EnablePreInit=11\n"                  // 6: reads as 3
-                                          "NumberOfThread=4x\n"                 // 7
-                                          "LogDebugMask=0x1ffffffff\n"          // 8: > 32 bits
-                                          "CameraPosition=1,2,3,4,5,6,7,8,9\n"  // 9
-                                          "CameraPosition=1,two,3\n"            // 10: set again
-                                          "TeleZoomStart=fast\n"                // 11
-                                          "BufferReleaseWaterLevel=9=6\n"       // 12
-                                          "OverridePipeline=" +
-                                                  std::string(130, 'p') +
-                                                  "\n"                      // 13
-                                                  "Log Info Mask = 0x3f\n"  // 14: fine
-                                                  "LogVerboseMask=\n");     // 15
+    // Lines 1, 2 and 14 are fine; the findings name each other one.
+    const std::string lint = folder.Write(
+            "override.txt",
+            "; a comment\n\nLogInfoMsk=0x3\nLogEnable\nDumpInputInfo=2\nEnablePreInit=11\n"
+            "NumberOfThread=4x\nLogDebugMask=0x1ffffffff\nCameraPosition=1,2,3,4,5,6,7,8,9\n"
+            "CameraPosition=1,two,3\nTeleZoomStart=fast\nBufferReleaseWaterLevel=9=6\n"
+            "OverridePipeline=" +
+                    std::string(130, 'p') + "\nLog Info Mask = 0x3f\n");
     const std::string clean = folder.Write(
             "ok.txt", "LogInfoMask=0x3f\n;LogEnable=0\nTeleZoomStart=2.5\nCameraPosition=0,1\n");
     const std::string sysroot = folder / "sysroot";
@@ -68,14 +58,12 @@ TEST(Vxcamctl, AnswersEachCommandLine) {
                      "second '=' ('6') is ignored",
               lint + ":13: line is 147 characters long: the library reads at most 127 at once "
                      "and takes it as 2 separate lines",
-              lint + ":13: 'pppppppppppppppppppp' has no value",
-              lint + ":15: 'LogVerboseMask' has no value", lint + ": 14 problems found"},
+              lint + ":13: 'pppppppppppppppppppp' has no value", lint + ": 13 problems found"},
              {lint + ":1:", lint + ":2:", lint + ":14:"}},
             {{"settings", "--check=" + clean}, 0, {clean + ": no problems found"}},
             {{"settings", "--check", folder / "absent"},
              2,
              {"cannot read '" + folder / "absent" + "': "}},
-            {{"settings", "--check", folder.Path()}, 2, {"cannot read '" + folder.Path() + "': "}},
             // Where each value came from; a property that names no setting is a finding.
             {{"--sysroot", sysroot, "settings"},
              1,
@@ -96,31 +84,19 @@ TEST(Vxcamctl, AnswersEachCommandLine) {
              {"[Global Settings]"},
              unset},
             {{"-v", "--help"}, 0, {"No override settings text file"}, {}, unset},
-            {{"--help"}, 0, {"No override settings text file"}, {}, "*:i"},
-            {{"--sysroot=/", "-v", "jpeg", "-h"}, 0, {"usage: vxcamctl"}},
-            {{"session", "--help"},
-             0,
-             {"--duration S ", "(default 4)", "(default 10000)", "--keep ", "-v, --verbose ",
-              "(default libvxcamcommonutils.so", "fails an hour's run.\n"}},
+            {{"session", "--help"}, 0, {"--duration S ", "(default libvxcamcommonutils.so"}},
             {{}, 2, {"usage: vxcamctl"}},
             {{"frobnicate"}, 2, {"unknown command 'frobnicate'"}},
             {{"--frob", "settings"}, 2, {"vxcamctl: unknown option '--frob'"}},
-            {{"--sysroot"}, 2, {"vxcamctl: --sysroot needs a value"}},
             {{"settings", "--bogus"}, 2, {"vxcamctl settings: unknown option '--bogus'"}},
             {{"settings", "--sysroot", "/no/such/sysroot"},
              2,
              {"cannot use sysroot '/no/such/sysroot': No such file or directory"}},
             {{"jpeg", "/"}, 2, {"vxcamctl jpeg: cannot read '/': Is a directory"}},
-            {{"jpeg", "a", "b"}, 2, {"unexpected argument 'b': jpeg takes one FILE"}},
-            {{"zlib", "crc32", "/", "-o"}, 2, {"vxcamctl zlib: -o needs a value"}},
-            {{"sysroot", "init"}, 2, {"DIR is needed"}},
-            {{"format", "NV12", "--ali"}, 2, {"vxcamctl format: --align needs a value"}},
             {{"crash", "--sys=/"}, 2, {"vxcamctl crash: write '--sys' as --sysroot in full"}},
             {{"session", "--threads=2x"},
              2,
              {"vxcamctl session: --threads needs a number from 1 to 1024, not '2x'\n"}},
-            {{"session", "--threads", "0"}, 2, {"--threads needs a number from 1 to 1024"}},
-            {{"session", "--bench=1"}, 2, {"vxcamctl session: --bench takes no value\n"}},
             {{"session", "--l", "5"},
              2,
              {"'--l' is ambiguous: --lines, --length, --logsystem-every, --library\n"}},
@@ -147,58 +123,41 @@ void ExpectSession(ToolCase run, bool foldersLeft = false, bool unwritableCamera
     run.arguments.insert(run.arguments.begin(), {"session", "--sysroot", sysroot.Path()});
     ExpectTool(run);
     chmod(camera.c_str(), 0755);
-    std::vector<std::string> folders;
-    for (const auto& entry : std::filesystem::directory_iterator(camera)) {
-        if (entry.path().filename() != ".keep") folders.push_back(entry.path().string());
-    }
-    EXPECT_EQ(!folders.empty(), foldersLeft) << run.arguments[3];
+    const auto entries = std::distance(std::filesystem::directory_iterator(camera), {});
+    EXPECT_EQ(entries > 1, foldersLeft) << run.arguments[3];  // besides .keep
 }
 
 const std::string kCloses = "lines the library reported as skipped during a close: ";
 
 // A camera host's run through the entry table, with closes under way while threads log and a
 // share of lines through the debug frame: every line is accounted for (as many dropped during the
-// closes as the library reported), and the summary comes before the details. Also on a kernel
-// without membarrier, where the capture's lock takes its other way.
-TEST(VxcamctlSession, AccountsForEveryLine) {
-    const std::vector<std::string> run = {
-            "--threads",         "3", "--lines", "3000", "--sessions", "2", "--close-while-logging",
-            "--logsystem-every", "3"};
-    const std::string total = "total: logged 18000, landed ";
-    std::vector<std::string> verbose = run, noMembarrier = run;
-    verbose.push_back("-v");
-    noMembarrier.push_back("--no-membarrier");
-    ExpectSession(
-            {verbose,
-             0,
-             {total, kCloses, "\nresult: no loss\n", "\nfiles:\n", "__Tid", "\nsession  thread "},
-             {"no debug-frame lines"}});
-    ExpectSession({noMembarrier,
-                   0,
-                   {total, kCloses, "\nresult: no loss\n"},
-                   {"no debug-frame lines", "\nfiles:", "\nsession  thread ", "__Tid"}});
-}
-
-// What other runs say: a soak of sessions that come and go, folders kept, lines lost (with the
-// library's own errors, gathered, when it said why) and the short bench's caveat.
+// closes as the library reported), the summary first; also on a kernel without membarrier, where
+// the capture's lock takes its other way. Then a soak of sessions that come and go, folders kept,
+// lines lost (with the library's own errors, gathered, when it said why) and the short bench.
 TEST(VxcamctlSession, SaysWhatARunFound) {
     struct Case {
         ToolCase run;  // arguments after session --sysroot DIR
         bool foldersLeft = false;
         bool unwritableCamera = false;
     };
+    const std::vector<std::string> closing = {
+            "--threads",         "3", "--lines", "3000", "--sessions", "2", "--close-while-logging",
+            "--logsystem-every", "3", "-v"};
+    std::vector<std::string> noMembarrier = closing;
+    noMembarrier.back() = "--no-membarrier";
+    const std::string total = "total: logged 18000, landed ";
     const Case cases[] = {
+            {{closing,
+              0,
+              {total, kCloses, "\nresult: no loss\n", "\nfiles:\n", "__Tid", "\nsession  thread "},
+              {"no debug-frame lines"}}},
+            {{noMembarrier, 0, {total, kCloses, "\nresult: no loss\n"}, {"no debug-frame lines"}}},
             {{{"--threads", "4", "--lines", "500", "--duration", "3", "--close-while-logging", "-v"},
               0,
               {"soak: 3 s of camera sessions of 2 s, 4 thread slots, 500 lines per thread",
                "\nsession 1: logged ", "\npool: ", kCloses, "\nresult: no loss\n",
                "\nresident memory (VmRSS, MiB), one sample a second:\n     0 s  "},
               {"__Tid"}}},
-            {{{"--threads=2", "--lines=200", "--sessions=1", "--keep"},
-              0,
-              {"sessions 1, threads 2, lines 200 each", ": kept\n", "result: no loss\n"},
-              {"\nfiles:", "\nsession  thread "}},
-             true},
             {{{"--library", LOSSY_ENTRY_LIBRARY, "--threads", "2", "--lines", "500", "--sessions",
                "1", "--logsystem-every", "0"},
               1,

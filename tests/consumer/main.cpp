@@ -3,7 +3,6 @@
 #include <stdint.h>
 #include <stdio.h>
 
-#include "VxCamCommonUtils.h"
 #include "VxCamDebug.h"
 #include "VxCamOfflineLogger.h"
 #include "VxCamStaticSetting.h"
