@@ -1,6 +1,5 @@
-// What the offline logger's suites share: a derived logger with a configuration of the test's
-// choosing (small buckets), a fixed session time, a free space to taste and its bookkeeping in
-// reach; numbered lines and the text a thread left on disk; checks run in a forked child.
+// What the offline logger's suites share: a logger with a configuration of the test's choosing, a
+// fixed session time, a free space to taste and its bookkeeping in reach; numbered lines.
 #ifndef VXCAM_TEST_LOGGER_H
 #define VXCAM_TEST_LOGGER_H
 
@@ -30,70 +29,42 @@ namespace vxcamtest {
 // The session time of every TestLogger: its session folder is "VxCam_OfflineLog_" + kT1.
 constexpr const char kT1[] = "2026-11-21--10-00-00-000001";
 
-// Constructed before the logger, which reads its configuration at once.
-struct ConfigHolder {
+struct ConfigHolder {  // built before the logger, which reads its configuration at once
     VxCam::OfflineLoggerConfigInfo m_config;
 };
 
 class TestLogger : private ConfigHolder, public VxCam::VxCamOfflineLogger {
   public:
+    using Base = VxCam::VxCamOfflineLogger;
     TestLogger(VxCam::OfflineLoggerType type, VxCam::OfflineLoggerConfigInfo config)
-        : ConfigHolder{config}, VxCam::VxCamOfflineLogger(type, &m_config) {}
+        : ConfigHolder{config}, Base(type, &m_config) {}
 
-    using VxCam::VxCamOfflineLogger::AllocateLogQueueMemPool;
-    using VxCam::VxCamOfflineLogger::BackupRecentModifyLog;
-    using VxCam::VxCamOfflineLogger::m_coredumpPath;
-    using VxCam::VxCamOfflineLogger::m_fileNameList;
-    using VxCam::VxCamOfflineLogger::m_fileNameSet;
-    using VxCam::VxCamOfflineLogger::m_finishedThreadList;
-    using VxCam::VxCamOfflineLogger::m_flushRequestCount;
-    using VxCam::VxCamOfflineLogger::m_flushRequestIds;
-    using VxCam::VxCamOfflineLogger::m_freeBucketIds;
-    using VxCam::VxCamOfflineLogger::m_freeRegisterIds;
-    using VxCam::VxCamOfflineLogger::m_fwriteTimeAvgMs;
-    using VxCam::VxCamOfflineLogger::m_fwriteTimeHistory;
-    using VxCam::VxCamOfflineLogger::m_memPool;
-    using VxCam::VxCamOfflineLogger::m_multiPathCoredumpPath;
-    using VxCam::VxCamOfflineLogger::m_perLogInfoPool;
-    using VxCam::VxCamOfflineLogger::m_recycleList;
-    using VxCam::VxCamOfflineLogger::m_removeFailCount;
-    using VxCam::VxCamOfflineLogger::m_removeSuccessCount;
-    using VxCam::VxCamOfflineLogger::m_sessionCount;
-    using VxCam::VxCamOfflineLogger::m_totalFlushSizeMB;
-    using VxCam::VxCamOfflineLogger::m_triggerOperation;
-    using VxCam::VxCamOfflineLogger::MonitorFileSystemHealth;
-    using VxCam::VxCamOfflineLogger::SetAllToDefaultValue;
+    using Base::AllocateLogQueueMemPool;
+    using Base::m_fileNameList;
+    using Base::m_finishedThreadList;
+    using Base::m_flushRequestCount;
+    using Base::m_flushRequestIds;
+    using Base::m_freeBucketIds;
+    using Base::m_freeRegisterIds;
+    using Base::m_memPool;
+    using Base::m_perLogInfoPool;
+    using Base::m_recycleList;
+    using Base::m_sessionCount;
+    using Base::m_totalFlushSizeMB;
 
     double GetAvailableSpace(const char* path) override {
-        return m_freeMB < 0 ? VxCam::VxCamOfflineLogger::GetAvailableSpace(path) : m_freeMB;
+        return m_freeMB < 0 ? Base::GetAvailableSpace(path) : m_freeMB;
     }
     std::string GetCurrentTime() override { return kT1; }
-    void RequestFlushLogQueue(int registerId, int lastFlag) override {
-        {
-            std::lock_guard<std::mutex> lock(m_callsMutex);
-            m_flushCalls.push_back({registerId, lastFlag});
-        }
-        VxCam::VxCamOfflineLogger::RequestFlushLogQueue(registerId, lastFlag);
-    }
-
-    std::vector<std::pair<int, int>> FlushCalls() {
-        std::lock_guard<std::mutex> lock(m_callsMutex);
-        return m_flushCalls;
-    }
     uint32_t Session() const { return m_sessionCount.load(); }
 
-    double m_freeMB = 100000.0;
-
-  private:
-    std::mutex m_callsMutex;
-    std::vector<std::pair<int, int>> m_flushCalls;
+    double m_freeMB = 100000.0;  // below 0: the file system's own answer
 };
 
 // The bookkeeping of any logger, the process's own instances included.
 struct Inside : VxCam::VxCamOfflineLogger {
     using Logger = VxCam::VxCamOfflineLogger;
     static uint32_t Session(Logger& logger) { return (logger.*&Inside::m_sessionCount).load(); }
-    static size_t Buckets(Logger& logger) { return (logger.*&Inside::m_memPool).size(); }
     static uint32_t MultiPathMode(Logger& logger) { return logger.*&Inside::m_multiPathMode; }
     static float& TotalFlushMB(Logger& logger) { return logger.*&Inside::m_totalFlushSizeMB; }
 };
@@ -113,8 +84,7 @@ inline void LogNumbered(VxCam::VxCamOfflineLogger& logger, int thread, int first
     }
 }
 
-// The sequence numbers of thread `thread` in `text`, in order; -1 for a line that is not one of
-// its numbered lines whole.
+// The sequence numbers of thread `thread` in `text`, in order; -1 for any other line.
 inline std::vector<int> Seqs(const std::string& text, int thread, size_t width = 64) {
     std::vector<int> seqs;
     std::istringstream lines(text);
@@ -128,8 +98,8 @@ inline std::vector<int> Seqs(const std::string& text, int thread, size_t width =
 }
 
 inline std::vector<int> Range(int first, int count) {
-    std::vector<int> seqs;
-    for (int i = 0; i < count; ++i) seqs.push_back(first + i);
+    std::vector<int> seqs(static_cast<size_t>(count));
+    for (int i = 0; i < count; ++i) seqs[static_cast<size_t>(i)] = first + i;
     return seqs;
 }
 
@@ -146,7 +116,6 @@ inline std::map<std::string, std::string> FilesUnder(const std::string& folder,
     return files;
 }
 
-// Those files' text, concatenated in path order.
 inline std::string TextUnder(const std::string& folder, const std::string& part = "") {
     std::string text;
     for (const auto& file : FilesUnder(folder, part)) text += file.second;
@@ -165,8 +134,8 @@ inline size_t Count(const LogCapture& log, const std::string& pattern) {
                                              [&](auto& m) { return std::regex_match(m, whole); }));
 }
 
-// Runs `body` with its expectations in a forked child on `root` (see RunInChild); they print as
-// they fail, and the child exits with 0 when none of its own did.
+// Runs `body` in a forked child on `root` (see RunInChild), which exits with 0 when none of the
+// expectations it made failed; they print as they fail.
 inline ChildEnd CheckInChild(const TempDir& root, const std::function<void()>& body) {
     return RunInChild(root, [&] {
         const auto& result = *::testing::UnitTest::GetInstance()->current_test_info()->result();
@@ -190,9 +159,8 @@ inline pid_t OnNewThread(const std::function<void()>& body) {
     return tid;
 }
 
-// A thread that runs the steps it is given, one at a time, and stays alive between them: what it
-// registers with a logger stays its own until it ends. It ends on destruction, so declare it after
-// the logger it logs to.
+// A thread that runs the steps it is given and stays alive between them, so what it registers with
+// a logger stays its own until it ends, on destruction: declare it after the logger.
 class LiveThread {
   public:
     ~LiveThread() {
