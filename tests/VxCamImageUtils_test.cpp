@@ -153,6 +153,10 @@ TEST(ImageBufferSize, RulesAndTheJpegBound) {
     VxImageUtils::SetMaxJpegSize(1000001);
     EXPECT_EQ(VxImageUtils::GetBufferSize(Jpeg, 2000, 2000, false), 1003520u);
     EXPECT_EQ(VxImageUtils::GetBufferSize(Jpgr, 2000, 2000, false), 1000001u);
+    // The rounding is 32-bit too: within the last 4096 before 4 GiB it wraps to 0.
+    VxImageUtils::SetMaxJpegSize(0xFFFFFFFFu);
+    EXPECT_EQ(VxImageUtils::GetBufferSize(Blob, 0xFFFFF000, 1, false), 0xFFFFF000u);
+    EXPECT_EQ(VxImageUtils::GetBufferSize(Blob, 0xFFFFF001, 1, false), 0u);
     VxImageUtils::SetMaxJpegSize(kDefaultMaxJpegSize);
 }
 
