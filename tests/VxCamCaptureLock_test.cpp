@@ -77,11 +77,11 @@ TEST(CaptureLock, TheCrashReportGivesUpOnlyWhereTakingItWouldWaitForItself) {
 }
 
 TEST(BucketPages, AWrittenBucketsPagesMoveWholeToTheFirstFreeBucketOfItsSize) {
-    const size_t size = 3 * 65536 + 100;  // pages of 4 to 64 KiB
+    constexpr size_t size = 3 * 65536 + 100;  // pages of 4 to 64 KiB
     const std::vector<unsigned char*> pool = {BucketPages::Map(size), BucketPages::Map(2 * size),
                                               BucketPages::Map(size)};
     ASSERT_TRUE(std::find(pool.begin(), pool.end(), nullptr) == pool.end());
-    const auto holds = [size](const unsigned char* bucket, unsigned char value) {
+    const auto holds = [](const unsigned char* bucket, unsigned char value) {
         return std::all_of(bucket, bucket + size, [value](unsigned char c) { return c == value; });
     };
     std::fill(pool[0], pool[0] + size, 0x5a);
