@@ -131,9 +131,9 @@ const std::string kCloses = "lines the library reported as skipped during a clos
 
 // A camera host's run through the entry table, with closes under way while threads log and a
 // share of lines through the debug frame: every line is accounted for (as many dropped during the
-// closes as the library reported), the summary first; also on a kernel without membarrier, where
-// the capture's lock takes its other way. Then a soak of sessions that come and go, folders kept,
-// lines lost (with the library's own errors, gathered, when it said why) and the short bench.
+// closes as the library reported), the summary first. Then a soak of sessions that come and go,
+// folders kept, lines lost (with the library's own errors, gathered, when it said why) and the
+// short bench.
 TEST(VxcamctlSession, SaysWhatARunFound) {
     struct Case {
         ToolCase run;  // arguments after session --sysroot DIR
@@ -143,15 +143,12 @@ TEST(VxcamctlSession, SaysWhatARunFound) {
     const std::vector<std::string> closing = {
             "--threads",         "3", "--lines", "3000", "--sessions", "2", "--close-while-logging",
             "--logsystem-every", "3", "-v"};
-    std::vector<std::string> noMembarrier = closing;
-    noMembarrier.back() = "--no-membarrier";
     const std::string total = "total: logged 18000, landed ";
     const Case cases[] = {
             {{closing,
               0,
               {total, kCloses, "\nresult: no loss\n", "\nfiles:\n", "__Tid", "\nsession  thread "},
               {"no debug-frame lines"}}},
-            {{noMembarrier, 0, {total, kCloses, "\nresult: no loss\n"}, {"no debug-frame lines"}}},
             {{{"--threads", "4", "--lines", "500", "--duration", "3", "--close-while-logging", "-v"},
               0,
               {"soak: 3 s of camera sessions of 2 s, 4 thread slots, 500 lines per thread",
@@ -182,6 +179,16 @@ TEST(VxcamctlSession, SaysWhatARunFound) {
               {"__Tid"}}},
     };
     for (const Case& c : cases) ExpectSession(c.run, c.foldersLeft, c.unwritableCamera);
+}
+
+// The same closes on a kernel without membarrier, where the capture lock takes its other way. A
+// test of its own, since qemu-user refuses the seccomp filter that takes membarrier away.
+TEST(VxcamctlSession, AccountsForEveryLineWithoutMembarrier) {
+    ExpectSession({{"--threads", "3", "--lines", "3000", "--sessions", "2", "--close-while-logging",
+                    "--logsystem-every", "3", "--no-membarrier"},
+                   0,
+                   {"total: logged 18000, landed ", kCloses, "\nresult: no loss\n"},
+                   {"no debug-frame lines"}});
 }
 
 // A real fault on a logging thread of a child: the tool finds the artefacts and says what they
